@@ -1,0 +1,31 @@
+#pragma once
+
+#include <ostream>
+
+#include <QByteArray>
+#include <QString>
+#include <QVariant>
+
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+
+// Streaming of Qt values into log4cplus messages (log4cplus streams are
+// std::ostream). Records, paths and texts bring their own operator<<.
+std::ostream& operator<<(std::ostream& out, const QString& text);
+std::ostream& operator<<(std::ostream& out, const QByteArray& bytes);
+std::ostream& operator<<(std::ostream& out, const QVariant& value);
+
+namespace TarvLog {
+
+// The logger of one class; every class logs under its own name.
+log4cplus::Logger logger(const char* className);
+
+// Configures log4cplus once per process. With a properties file its settings
+// rule; without one every logger writes INFO and above to stderr with time,
+// level, logger, source file, line and function.
+void init(const QString& propertiesFile = QString());
+
+// The layout pattern used by the default configuration.
+QString defaultPattern();
+
+} // namespace TarvLog

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QVariantHash>
+
+#include <model/cmrequest>
+#include <tarv>
+
+// The module object: the one worker the host knows. It publishes the
+// module's list node ("VopGrouping") at its prefix and the remove-receiver
+// action, creates the components, and wires them 100 ms after construction.
+// The components live for the whole process: they are created without a
+// parent and never deleted.
+class SimpleGroupingWorker : public CMNodesWorker
+{
+    Q_OBJECT
+
+public:
+    explicit SimpleGroupingWorker(const QVariantHash& settings);
+
+Q_SIGNALS:
+    void requestRemoveReceiver(const TarvSystemMember& member);
+
+public Q_SLOTS:
+    void init();
+    void on_remove_receiver(const CMSetDataRequest& request);
+
+private:
+    CMListRowsNode* m_listNode = nullptr;
+    CMActivateNode* m_removeReceiverNode = nullptr;
+};
+
+// The module's entry point, exported undecorated. The first argument is the
+// host's business and ignored; ownership of the returned worker passes to
+// the host.
+extern "C" CMAbstractWorker* worker_create(void* first, const QVariantHash& settings);
