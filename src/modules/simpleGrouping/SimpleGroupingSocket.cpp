@@ -1,0 +1,91 @@
+#include "SimpleGroupingSocket.h"
+
+#include <QByteArray>
+#include <QHostAddress>
+#include <QString>
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return TarvLog::logger("SimpleGroupingSocket");
+}
+
+const QString AddPrefix = QStringLiteral("add");
+const QString RemovePrefix = QStringLiteral("remove");
+
+// The body after the prefix as a record; empty unless it is a non-empty
+// JSON object.
+TarvHash parseBody(const QString& body)
+{
+    TarvError error;
+    return TarvHash(TarvJson::parse(body.toUtf8(), error, nullptr).toHash());
+}
+
+} // namespace
+
+SimpleGroupingSocket::SimpleGroupingSocket()
+{
+    const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingSocket");
+    LOG4CPLUS_TRACE(logger(), "Enter " << scope);
+
+    tarvConnect(&m_socket, &QUdpSocket::readyRead, this, &SimpleGroupingSocket::on_readyRead, Qt::AutoConnection);
+    // A failed bind (port taken) is deliberately not reported: the listener
+    // then just never hears anything.
+    m_socket.bind(QHostAddress::Any, TarvRequestPort(), QAbstractSocket::DefaultForPlatform);
+
+    LOG4CPLUS_TRACE(logger(), "Leave " << scope);
+}
+
+void SimpleGroupingSocket::on_readyRead()
+{
+    const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingSocket");
+    LOG4CPLUS_TRACE(logger(), "Enter " << scope);
+
+    while (m_socket.hasPendingDatagrams()) {
+        const qint64 size = m_socket.pendingDatagramSize();
+        // One spare zero byte so the payload always reads as a terminated
+        // C string, cut at its first zero byte.
+        QByteArray buffer(static_cast<int>(size) + 1, '\0');
+        QHostAddress sender;
+        if (m_socket.readDatagram(buffer.data(), size, &sender) < 0) {
+            // Nothing was taken from the queue; looping on would never end.
+            LOG4CPLUS_ERROR(logger(), "Error reading datagram: " << m_socket.errorString());
+            break;
+        }
+        const QString text = QString::fromUtf8(buffer.constData());
+        LOG4CPLUS_TRACE(logger(), "Received packet " << text);
+
+        if (text.startsWith(AddPrefix)) {
+            const TarvHash hash = parseBody(text.mid(AddPrefix.size()));
+            if (hash.isEmpty()) {
+                LOG4CPLUS_ERROR(logger(), "Incorrect JSON data, dropping garbage packet");
+                continue;
+            }
+            TarvSystemMember member(hash);
+            // The address the receiver reports is not trusted; the one the
+            // datagram came from is. An unreported address stays unreported.
+            const QString reported = member.ipAddress();
+            if (!reported.isEmpty()) {
+                const QString actual = tarvQHostAddressToIp(sender);
+                LOG4CPLUS_TRACE(logger(), "Changing ipAddress from " << reported << " to " << actual);
+                member.setIpAddress(actual);
+            }
+            LOG4CPLUS_TRACE(logger(), "EMIT addReceiver(" << member << ")");
+            Q_EMIT addReceiver(member);
+        } else if (text.startsWith(RemovePrefix)) {
+            const TarvHash hash = parseBody(text.mid(RemovePrefix.size()));
+            if (hash.isEmpty()) {
+                LOG4CPLUS_ERROR(logger(), "Incorrect JSON data, dropping garbage packet");
+                continue;
+            }
+            const TarvSystemMember member(hash);
+            LOG4CPLUS_TRACE(logger(), "EMIT removeReceiver(" << member << ")");
+            Q_EMIT removeReceiver(member);
+        } else {
+            LOG4CPLUS_INFO(logger(), "Dropping garbage packet");
+        }
+    }
+
+    LOG4CPLUS_TRACE(logger(), "Leave " << scope);
+}
