@@ -18,6 +18,13 @@ SimpleGroupingWorker::SimpleGroupingWorker(const QVariantHash& settings)
     m_listNode = CMListRowsNode::create(nodes(), addPrefix(QString()));
     m_listNode->setTitle(TrString("VopGrouping"));
 
+    // Creation order is row order in the list node: the controller's members
+    // row comes first, the UI's row second.
+    m_ctrl = new SimpleGroupingCtrl(nodes(), m_listNode);
+    // The UI (SimpleGroupingUI) will be created here.
+    m_request = new SimpleGroupingRequest(nodes(), m_listNode);
+    // The observer (SimpleGroupingObserver) will be created here.
+
     m_removeReceiverNode = CMActivateNode::create(nodes(), TarvGroupingMembersRemoveReceiverPath());
     m_removeReceiverNode->setInvoke(this, &SimpleGroupingWorker::on_remove_receiver, Qt::QueuedConnection);
 
@@ -30,6 +37,18 @@ void SimpleGroupingWorker::init()
 {
     const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingWorker");
     LOG4CPLUS_TRACE(logger(), "Enter " << scope);
+
+    tarvConnect(m_request, &SimpleGroupingRequest::requestAddReceiver, m_ctrl,
+                &SimpleGroupingCtrl::on_requestAddReceiver, Qt::AutoConnection);
+    tarvConnect(m_request, &SimpleGroupingRequest::requestRemoveReceiver, m_ctrl,
+                &SimpleGroupingCtrl::on_requestRemoveReceiver, Qt::AutoConnection);
+    tarvConnect(m_request, &SimpleGroupingRequest::requestJoinTranscoder, m_ctrl,
+                &SimpleGroupingCtrl::on_joinTranscoder, Qt::AutoConnection);
+    tarvConnect(m_request, &SimpleGroupingRequest::requestLeaveTranscoder, m_ctrl,
+                &SimpleGroupingCtrl::on_leaveTranscoder, Qt::AutoConnection);
+    tarvConnect(this, &SimpleGroupingWorker::requestRemoveReceiver, m_ctrl,
+                &SimpleGroupingCtrl::on_requestRemoveReceiver, Qt::AutoConnection);
+
     LOG4CPLUS_TRACE(logger(), "Leave " << scope);
 }
 

@@ -5,6 +5,9 @@
 #include <model/cmrequest>
 #include <tarv>
 
+#include "SimpleGroupingCtrl.h"
+#include "SimpleGroupingRequest.h"
+
 // The module object: the one worker the host knows. It publishes the
 // module's list node ("VopGrouping") at its prefix and the remove-receiver
 // action, creates the components, and wires them 100 ms after construction.
@@ -17,6 +20,10 @@ class SimpleGroupingWorker : public CMNodesWorker
 public:
     explicit SimpleGroupingWorker(const QVariantHash& settings);
 
+    // The components, for inspection. The worker never deletes them.
+    SimpleGroupingCtrl* controller() const { return m_ctrl; }
+    SimpleGroupingRequest* request() const { return m_request; }
+
 Q_SIGNALS:
     void requestRemoveReceiver(const TarvSystemMember& member);
 
@@ -26,6 +33,10 @@ public Q_SLOTS:
 
 private:
     CMListRowsNode* m_listNode = nullptr;
+    SimpleGroupingCtrl* m_ctrl = nullptr;
+    // The UI (SimpleGroupingUI) will be held here.
+    SimpleGroupingRequest* m_request = nullptr;
+    // The observer (SimpleGroupingObserver) will be held here.
     CMActivateNode* m_removeReceiverNode = nullptr;
 };
 
