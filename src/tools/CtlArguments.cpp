@@ -1,0 +1,258 @@
+#include "CtlArguments.h"
+
+#include <QRegularExpression>
+
+namespace {
+
+struct OptionSpec
+{
+    QString name;
+    bool takesValue;
+    QStringList commands; // empty: every command
+};
+
+const QList<OptionSpec>& optionSpecs()
+{
+    static const QList<OptionSpec> specs{
+        {QStringLiteral("api"), true, {}},
+        {QStringLiteral("json"), false, {}},
+        {QStringLiteral("verbose"), false, {}},
+        {QStringLiteral("help"), false, {}},
+        {QStringLiteral("version"), false, {}},
+        {QStringLiteral("timeout-ms"), true, {}},
+        {QStringLiteral("count"), true, {QStringLiteral("watch")}},
+        {QStringLiteral("string"), true, {QStringLiteral("set")}},
+        {QStringLiteral("int"), true, {QStringLiteral("set")}},
+        {QStringLiteral("name"), true, {QStringLiteral("join")}},
+        {QStringLiteral("host"), true, {QStringLiteral("join")}},
+    };
+    return specs;
+}
+
+const OptionSpec* findOption(const QString& name)
+{
+    for (const OptionSpec& spec : optionSpecs()) {
+        if (spec.name == name)
+            return &spec;
+    }
+    return nullptr;
+}
+
+// A leading dash that starts a number is a value (a negative JSON number),
+// not an option.
+bool looksLikeNumber(const QString& token)
+{
+    static const QRegularExpression number(QStringLiteral("^-[0-9]"));
+    return number.match(token).hasMatch();
+}
+
+} // namespace
+
+QString CtlArguments::usage()
+{
+    return QStringLiteral(
+        "Usage: tarvctl [options] COMMAND [arguments]\n"
+        "\n"
+        "Talks to a device's tarv-host over its HTTP/JSON control API.\n"
+        "\n"
+        "Commands:\n"
+        "  host                          this device: id, name, host, address, request port, version\n"
+        "  get PATH                      the value at PATH\n"
+        "  set PATH VALUE                write VALUE (JSON, e.g. '{\"i32_\": 5000}') to PATH\n"
+        "  set PATH --string S           write {\"string_\": S}\n"
+        "  set PATH --int N              write {\"i32_\": N}\n"
+        "  invoke PATH [VALUE]           invoke the action at PATH with VALUE (JSON, default {})\n"
+        "  join ID [--name N] [--host H] ask this device to join transcoder ID (invokes /grouping/request)\n"
+        "  leave                         ask this device to leave its group (invokes /grouping/request)\n"
+        "  rows PATH                     the rows of the list at PATH\n"
+        "  tree                          every node with its kind, title and rows, and the value paths\n"
+        "  watch [PREFIX]                print value and rows events (of paths under PREFIX), one per line,\n"
+        "                                until interrupted\n"
+        "\n"
+        "Options:\n"
+        "  --api URL          the host's control API (default: $TARV_API, else http://127.0.0.1:8080)\n"
+        "  --json             print the API's JSON instead of readable text (watch: one object per line)\n"
+        "  --timeout-ms N     invoke, join, leave: the host's bound for the reply (default 5000);\n"
+        "                     watch: stop after N ms; other commands: how long to wait for the answer\n"
+        "                     (default 10000)\n"
+        "  --count N          watch: stop after N events\n"
+        "  --verbose          log each request and answer on stderr\n"
+        "  -h, --help         show this help\n"
+        "  --version          show tarvctl's version\n"
+        "  Options take their value as the next argument or after '='; '--' ends the options.\n"
+        "\n"
+        "Exit codes:\n"
+        "  0  success\n"
+        "  1  the host refused the request (its error is printed) or answered with something unusable\n"
+        "  2  usage error: unknown command or option, missing argument, bad JSON value\n"
+        "  3  cannot connect to the host (or the connection broke)\n"
+        "  4  timeout: no answer, no reply within the bound, or fewer events than --count\n"
+        "\n"
+        "Examples:\n"
+        "  tarvctl host\n"
+        "  tarvctl set /settings/device/name --string kitchen\n"
+        "  tarvctl get /system/member\n"
+        "  tarvctl rows /grouping/members\n"
+        "  tarvctl invoke /grouping/request '{\"groupingRequest\": {\"command\": -1}}'\n"
+        "  tarvctl --api http://10.0.0.7:8080 watch /grouping --count 1 --timeout-ms 3000\n");
+}
+
+bool CtlArguments::fail(const QString& error)
+{
+    m_error = error;
+    return false;
+}
+
+bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnvironment)
+{
+    QStringList positional;
+    bool optionsEnded = false;
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QString& token = arguments.at(i);
+        if (optionsEnded || !token.startsWith(QLatin1Char('-')) || token == QLatin1String("-")
+            || looksLikeNumber(token)) {
+            positional.append(token);
+            continue;
+        }
+        if (token == QLatin1String("--")) {
+            optionsEnded = true;
+            continue;
+        }
+        if (token == QLatin1String("-h")) {
+            m_help = true;
+            continue;
+        }
+        if (!token.startsWith(QLatin1String("--")))
+            return fail(QStringLiteral("unknown option '%1' (see tarvctl --help)").arg(token));
+        const int equals = token.indexOf(QLatin1Char('='));
+        const QString name = token.mid(2, equals < 0 ? -1 : equals - 2);
+        const OptionSpec* spec = findOption(name);
+        if (!spec)
+            return fail(QStringLiteral("unknown option '--%1' (see tarvctl --help)").arg(name));
+        QString value;
+        if (spec->takesValue) {
+            if (equals >= 0) {
+                value = token.mid(equals + 1);
+            } else if (i + 1 < arguments.size()) {
+                value = arguments.at(++i);
+            } else {
+                return fail(QStringLiteral("option --%1 needs a value").arg(name));
+            }
+        } else if (equals >= 0) {
+            return fail(QStringLiteral("option --%1 takes no value").arg(name));
+        }
+        m_options.insert(name, value);
+    }
+
+    m_help = m_help || m_options.contains(QStringLiteral("help"));
+    m_version = m_options.contains(QStringLiteral("version"));
+    m_json = m_options.contains(QStringLiteral("json"));
+    m_verbose = m_options.contains(QStringLiteral("verbose"));
+    if (m_options.contains(QStringLiteral("api"))) {
+        m_api = m_options.value(QStringLiteral("api"));
+        m_apiSource = QStringLiteral("--api");
+    } else if (!apiFromEnvironment.isEmpty()) {
+        m_api = apiFromEnvironment;
+        m_apiSource = QStringLiteral("TARV_API");
+    } else {
+        m_api = QStringLiteral("http://127.0.0.1:8080");
+        m_apiSource = QStringLiteral("default");
+    }
+
+    if (!positional.isEmpty()) {
+        m_command = positional.takeFirst();
+        m_arguments = positional;
+    }
+    if (m_command == QLatin1String("help")) {
+        m_help = true;
+        m_command.clear();
+    }
+    if (m_help || m_version)
+        return true;
+    return checkCommand();
+}
+
+bool CtlArguments::checkCommand()
+{
+    struct CommandSpec
+    {
+        QString name;
+        int minArguments;
+        int maxArguments;
+        QString synopsis;
+    };
+    static const QList<CommandSpec> commands{
+        {QStringLiteral("host"), 0, 0, QStringLiteral("host")},
+        {QStringLiteral("get"), 1, 1, QStringLiteral("get PATH")},
+        {QStringLiteral("set"), 1, 2, QStringLiteral("set PATH VALUE | set PATH --string S | set PATH --int N")},
+        {QStringLiteral("invoke"), 1, 2, QStringLiteral("invoke PATH [VALUE]")},
+        {QStringLiteral("join"), 1, 1, QStringLiteral("join ID [--name N] [--host H]")},
+        {QStringLiteral("leave"), 0, 0, QStringLiteral("leave")},
+        {QStringLiteral("rows"), 1, 1, QStringLiteral("rows PATH")},
+        {QStringLiteral("tree"), 0, 0, QStringLiteral("tree")},
+        {QStringLiteral("watch"), 0, 1, QStringLiteral("watch [PREFIX]")},
+    };
+
+    if (m_command.isEmpty())
+        return fail(QStringLiteral("no command given (see tarvctl --help)"));
+    const CommandSpec* command = nullptr;
+    for (const CommandSpec& spec : commands) {
+        if (spec.name == m_command)
+            command = &spec;
+    }
+    if (!command)
+        return fail(QStringLiteral("unknown command '%1' (see tarvctl --help)").arg(m_command));
+    if (m_arguments.size() < command->minArguments)
+        return fail(QStringLiteral("%1: missing argument; usage: tarvctl %2").arg(m_command, command->synopsis));
+    if (m_arguments.size() > command->maxArguments) {
+        return fail(QStringLiteral("%1: unexpected argument '%2'; usage: tarvctl %3")
+                        .arg(m_command, m_arguments.at(command->maxArguments), command->synopsis));
+    }
+
+    for (auto it = m_options.constBegin(); it != m_options.constEnd(); ++it) {
+        const OptionSpec* spec = findOption(it.key());
+        if (!spec->commands.isEmpty() && !spec->commands.contains(m_command)) {
+            return fail(QStringLiteral("option --%1 is only for %2, not for %3")
+                            .arg(it.key(), spec->commands.join(QStringLiteral(", ")), m_command));
+        }
+    }
+
+    bool ok = true;
+    if (m_options.contains(QStringLiteral("timeout-ms"))) {
+        const QString text = m_options.value(QStringLiteral("timeout-ms"));
+        m_timeoutMs = text.toInt(&ok);
+        if (!ok || m_timeoutMs <= 0)
+            return fail(QStringLiteral("--timeout-ms needs a positive whole number of milliseconds, not '%1'").arg(text));
+    }
+    if (m_options.contains(QStringLiteral("count"))) {
+        const QString text = m_options.value(QStringLiteral("count"));
+        m_count = text.toInt(&ok);
+        if (!ok || m_count <= 0)
+            return fail(QStringLiteral("--count needs a positive whole number, not '%1'").arg(text));
+    }
+    if (m_options.contains(QStringLiteral("int"))) {
+        const QString text = m_options.value(QStringLiteral("int"));
+        text.toInt(&ok);
+        if (!ok)
+            return fail(
+                QStringLiteral("--int needs a whole number from -2147483648 to 2147483647, not '%1'").arg(text));
+    }
+    if (m_command == QLatin1String("set")) {
+        const int given = (m_arguments.size() > 1 ? 1 : 0) + (m_options.contains(QStringLiteral("string")) ? 1 : 0)
+            + (m_options.contains(QStringLiteral("int")) ? 1 : 0);
+        if (given == 0)
+            return fail(QStringLiteral("set: no value; give VALUE (JSON), --string S or --int N"));
+        if (given > 1)
+            return fail(QStringLiteral("set: give only one of VALUE, --string S and --int N"));
+    }
+    if (m_command == QLatin1String("join") && m_arguments.first().isEmpty())
+        return fail(QStringLiteral("join: the transcoder's ID is empty"));
+
+    const bool takesPath = m_command == QLatin1String("get") || m_command == QLatin1String("set")
+        || m_command == QLatin1String("invoke") || m_command == QLatin1String("rows")
+        || (m_command == QLatin1String("watch") && !m_arguments.isEmpty());
+    if (takesPath && !m_arguments.first().startsWith(QLatin1Char('/')))
+        return fail(QStringLiteral("%1: a path starts with '/', e.g. /system/member; got '%2'")
+                        .arg(m_command, m_arguments.first()));
+    return true;
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <functional>
+
+#include <QJsonValue>
+#include <QList>
+#include <QPair>
+#include <QString>
+
+#include "CtlEvent.h"
+#include "CtlReply.h"
+
+// The HTTP side of tarvctl: one call per endpoint of a host's control API,
+// each answered with a CtlReply that says what happened in words a person
+// understands. Transport failures, host errors and answers of the wrong
+// shape all become replies; nothing the host sends can make a call throw or
+// crash.
+class CtlClient
+{
+public:
+    static QString defaultApi() { return QStringLiteral("http://127.0.0.1:8080"); }
+    // The bound for an invoke when the caller gives none; the host uses the same.
+    static int defaultInvokeTimeoutMs() { return 5000; }
+    // Answers larger than this are refused rather than held in memory.
+    static qint64 maxAnswerBytes() { return 64 * 1024 * 1024; }
+
+    CtlClient();
+
+    // Accepts "http://HOST[:PORT][/]", "HOST:PORT" or "HOST" (port 80 when
+    // none is given). Anything else leaves the client unchanged and says why.
+    bool setApi(const QString& url, QString* error);
+    // The API's base URL as used in messages, e.g. "http://127.0.0.1:8080".
+    QString api() const;
+
+    // How long a call waits for the connection and for the answer, unless a
+    // call says otherwise.
+    void setTimeoutMs(int timeoutMs) { m_timeoutMs = timeoutMs; }
+    int timeoutMs() const { return m_timeoutMs; }
+
+    CtlReply host();
+    CtlReply value(const QString& path);
+    CtlReply setValue(const QString& path, const QJsonValue& value);
+    // `timeoutMs` < 0 leaves the bound to the host; the client then waits
+    // a little longer than the bound, so the host's own 504 is what it sees.
+    CtlReply invoke(const QString& path, const QJsonValue& value, int timeoutMs = -1);
+    CtlReply rows(const QString& path);
+    CtlReply tree();
+
+    // Follows the host's event stream and hands every event to `onEvent`
+    // until it returns false (Ok), `durationMs` passes (Timeout; < 0 means
+    // no limit), or the stream fails or ends (CannotConnect, or the host's
+    // error when it refused the stream).
+    CtlReply watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs = -1);
+
+private:
+    using Query = QList<QPair<QString, QString>>;
+
+    // Sends one request and turns whatever came back into a reply; a 2xx
+    // answer must be a JSON object holding every key of `requiredKeys`.
+    CtlReply call(const char* method, const QString& endpoint, const Query& query, const QByteArray& body,
+                  int waitMs, const QStringList& requiredKeys);
+    QString target(const QString& endpoint, const Query& query) const;
+    CtlReply errorFromAnswer(int status, const QByteArray& body) const;
+
+    QString m_host = QStringLiteral("127.0.0.1");
+    int m_port = 8080;
+    int m_timeoutMs = 10000;
+};

@@ -1,0 +1,281 @@
+#include "CtlCommand.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include "TarvJson.h"
+#include "TarvLog.h"
+#include "TarvPaths.h"
+#include "TarvValue.h"
+
+#include "CtlFormatter.h"
+#include "CtlJson.h"
+
+#ifndef TARVCTL_VERSION
+#define TARVCTL_VERSION "unknown"
+#endif
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return TarvLog::logger("CtlCommand");
+}
+
+// Segment-wise: "/grouping" covers "/grouping/members" but not "/groupings".
+bool underPrefix(const QString& path, const QString& prefix)
+{
+    if (prefix.isEmpty() || prefix == QLatin1String("/"))
+        return true;
+    if (prefix.endsWith(QLatin1Char('/')))
+        return path.startsWith(prefix);
+    return path == prefix || path.startsWith(prefix + QLatin1Char('/'));
+}
+
+QJsonObject toJsonObject(const TarvHash& record)
+{
+    return QJsonDocument::fromJson(record.toJson()).object();
+}
+
+} // namespace
+
+CtlCommand::CtlCommand(QTextStream& out, QTextStream& err)
+    : m_out(out)
+    , m_err(err)
+{
+}
+
+QString CtlCommand::version()
+{
+    return QStringLiteral(TARVCTL_VERSION);
+}
+
+bool CtlCommand::parse(const QStringList& arguments, const QString& apiFromEnvironment)
+{
+    m_parsed = m_arguments.parse(arguments, apiFromEnvironment);
+    if (!m_parsed)
+        usageError(m_arguments.error());
+    return m_parsed;
+}
+
+CtlExitCode::Enum CtlCommand::run(const QStringList& arguments, const QString& apiFromEnvironment)
+{
+    if (!parse(arguments, apiFromEnvironment))
+        return CtlExitCode::Usage;
+    return execute();
+}
+
+CtlExitCode::Enum CtlCommand::usageError(const QString& message)
+{
+    m_err << "tarvctl: " << message << '\n';
+    m_err.flush();
+    return CtlExitCode::Usage;
+}
+
+CtlExitCode::Enum CtlCommand::fail(const CtlReply& reply)
+{
+    if (m_arguments.json() && !reply.rawBody().isEmpty()) {
+        // Scripts asking for JSON get the host's error object as well.
+        QJsonValue body;
+        if (CtlJson::parse(reply.rawBody(), &body, nullptr))
+            m_out << CtlJson::toText(body, true) << '\n';
+    }
+    m_out.flush();
+    m_err << "tarvctl: " << reply.describe() << '\n';
+    m_err.flush();
+    return reply.exitCode();
+}
+
+CtlExitCode::Enum CtlCommand::finish(const CtlReply& reply,
+                                     const std::function<QString(const QJsonObject&)>& readable)
+{
+    if (!reply.isOk())
+        return fail(reply);
+    if (m_arguments.json())
+        m_out << CtlJson::toText(reply.body(), true) << '\n';
+    else
+        m_out << readable(reply.body()) << '\n';
+    m_out.flush();
+    return CtlExitCode::Ok;
+}
+
+CtlExitCode::Enum CtlCommand::execute()
+{
+    if (!m_parsed)
+        return CtlExitCode::Usage;
+    if (m_arguments.help()) {
+        m_out << CtlArguments::usage();
+        m_out.flush();
+        return CtlExitCode::Ok;
+    }
+    if (m_arguments.version()) {
+        m_out << "tarvctl " << version() << '\n';
+        m_out.flush();
+        return CtlExitCode::Ok;
+    }
+    QString error;
+    if (!m_client.setApi(m_arguments.api(), &error))
+        return usageError(QStringLiteral("bad API URL (from %1): %2").arg(m_arguments.apiSource(), error));
+
+    const QString& command = m_arguments.command();
+    LOG4CPLUS_DEBUG(logger(), "Running " << command << " against " << m_client.api());
+    const bool invokes = command == QLatin1String("invoke") || command == QLatin1String("join")
+        || command == QLatin1String("leave");
+    if (m_arguments.timeoutMs() > 0 && !invokes && command != QLatin1String("watch"))
+        m_client.setTimeoutMs(m_arguments.timeoutMs());
+
+    const QString path = m_arguments.arguments().value(0);
+    if (command == QLatin1String("host"))
+        return finish(m_client.host(), &CtlFormatter::host);
+    if (command == QLatin1String("get")) {
+        return finish(m_client.value(path), [](const QJsonObject& answer) {
+            return CtlFormatter::value(answer.value(QStringLiteral("value")));
+        });
+    }
+    if (command == QLatin1String("set"))
+        return runSet();
+    if (command == QLatin1String("invoke"))
+        return runInvoke();
+    if (command == QLatin1String("join"))
+        return runJoin();
+    if (command == QLatin1String("leave"))
+        return runLeave();
+    if (command == QLatin1String("rows"))
+        return finish(m_client.rows(path), &CtlFormatter::rows);
+    if (command == QLatin1String("tree"))
+        return finish(m_client.tree(), &CtlFormatter::tree);
+    if (command == QLatin1String("watch"))
+        return runWatch();
+    return usageError(QStringLiteral("unknown command '%1'").arg(command));
+}
+
+CtlExitCode::Enum CtlCommand::runSet()
+{
+    const QString path = m_arguments.arguments().at(0);
+    QJsonValue value;
+    if (m_arguments.hasOption(QStringLiteral("string"))) {
+        value = toJsonObject(TarvValue().setString_(m_arguments.option(QStringLiteral("string"))));
+    } else if (m_arguments.hasOption(QStringLiteral("int"))) {
+        value = toJsonObject(TarvValue().setI32_(m_arguments.option(QStringLiteral("int")).toInt()));
+    } else {
+        QString error;
+        if (!CtlJson::parse(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
+            return usageError(QStringLiteral("set: VALUE is not valid JSON (%1): %2; for a plain text use --string")
+                                  .arg(error, m_arguments.arguments().at(1)));
+        }
+    }
+    return finish(m_client.setValue(path, value), [](const QJsonObject& answer) {
+        return QStringLiteral("%1 = %2").arg(answer.value(QStringLiteral("path")).toString(),
+                                             CtlFormatter::summary(answer.value(QStringLiteral("value")), 200));
+    });
+}
+
+CtlExitCode::Enum CtlCommand::runInvoke()
+{
+    QJsonValue value = QJsonObject();
+    if (m_arguments.arguments().size() > 1) {
+        QString error;
+        if (!CtlJson::parse(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
+            return usageError(
+                QStringLiteral("invoke: VALUE is not valid JSON (%1): %2").arg(error, m_arguments.arguments().at(1)));
+        }
+    }
+    return finish(m_client.invoke(m_arguments.arguments().at(0), value, m_arguments.timeoutMs()),
+                  [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
+}
+
+CtlExitCode::Enum CtlCommand::invokeGrouping(const QJsonObject& value)
+{
+    return finish(m_client.invoke(TarvGroupingRequestPath().toString(), value, m_arguments.timeoutMs()),
+                  [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
+}
+
+CtlExitCode::Enum CtlCommand::runJoin()
+{
+    const QString id = m_arguments.arguments().at(0);
+    TarvSystemMember master;
+    master.setId(id);
+    const bool named = m_arguments.hasOption(QStringLiteral("name"));
+    const bool hosted = m_arguments.hasOption(QStringLiteral("host"));
+    if (!named || !hosted) {
+        // The transcoder's name and host name come from the device list,
+        // as the module's own join action takes them.
+        const CtlReply members = m_client.rows(TarvSystemMembersPath().toString());
+        if (!members.isOk())
+            return fail(members);
+        TarvSystemMember known;
+        const QJsonArray rows = members.body().value(QStringLiteral("rows")).toArray();
+        for (const QJsonValue& row : rows) {
+            const QJsonObject object = row.toObject();
+            if (object.value(QStringLiteral("id")).toString() == id) {
+                known = TarvValue(TarvJson::toVariant(object.value(QStringLiteral("value"))).toHash()).systemMember();
+                break;
+            }
+        }
+        if (known.isEmpty() && !hosted) {
+            m_err << "tarvctl: join: no device with id '" << id << "' in " << TarvSystemMembersPath().toString()
+                  << "; give --name and --host to join it anyway\n";
+            m_err.flush();
+            return CtlExitCode::ApiError;
+        }
+        master.setName(known.name()).setHost(known.host());
+    }
+    if (named)
+        master.setName(m_arguments.option(QStringLiteral("name")));
+    if (hosted)
+        master.setHost(m_arguments.option(QStringLiteral("host")));
+    TarvGroupingRequest request;
+    request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
+    return invokeGrouping(toJsonObject(TarvValue().setGroupingRequest(request)));
+}
+
+CtlExitCode::Enum CtlCommand::runLeave()
+{
+    TarvGroupingRequest request;
+    request.setCommand(TarvGroupingRequestCommand::Leave);
+    return invokeGrouping(toJsonObject(TarvValue().setGroupingRequest(request)));
+}
+
+CtlExitCode::Enum CtlCommand::runWatch()
+{
+    const QString prefix = m_arguments.arguments().value(0);
+    const int wanted = m_arguments.count();
+    int seen = 0;
+    const auto onEvent = [&](const CtlEvent& event) {
+        if (!prefix.isEmpty() && !underPrefix(CtlFormatter::eventPath(event), prefix))
+            return true;
+        bool wellFormed = false;
+        const QString line = CtlFormatter::event(event, &wellFormed);
+        if (!wellFormed) {
+            m_err << "tarvctl: ignored an event with malformed data: " << line << '\n';
+            m_err.flush();
+            return true;
+        }
+        if (m_arguments.json()) {
+            QJsonValue data;
+            CtlJson::parse(event.data, &data, nullptr);
+            QJsonObject object;
+            object.insert(QStringLiteral("event"), event.name);
+            object.insert(QStringLiteral("data"), data);
+            m_out << CtlJson::toText(object) << '\n';
+        } else {
+            m_out << line << '\n';
+        }
+        // Each event is visible at once, also through a pipe.
+        m_out.flush();
+        ++seen;
+        return wanted < 0 || seen < wanted;
+    };
+    const CtlReply reply = m_client.watch(onEvent, m_arguments.timeoutMs());
+    if (reply.isOk())
+        return CtlExitCode::Ok;
+    if (reply.kind() == CtlReply::Timeout && reply.httpStatus() == 0) {
+        if (wanted < 0)
+            return CtlExitCode::Ok; // the duration was all that was asked for
+        m_err << "tarvctl: timeout: " << seen << " of " << wanted << " events within " << m_arguments.timeoutMs()
+              << " ms\n";
+        m_err.flush();
+        return CtlExitCode::Timeout;
+    }
+    return fail(reply);
+}

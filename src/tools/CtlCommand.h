@@ -1,0 +1,52 @@
+#pragma once
+
+#include <functional>
+
+#include <QJsonObject>
+#include <QString>
+#include <QStringList>
+#include <QTextStream>
+
+#include "CtlArguments.h"
+#include "CtlClient.h"
+#include "CtlExitCode.h"
+
+// One run of tarvctl: parses the command line, talks to the host, prints
+// the answer (readable or JSON) on `out` and what went wrong on `err`, and
+// says which exit code the process ends with.
+class CtlCommand
+{
+public:
+    CtlCommand(QTextStream& out, QTextStream& err);
+
+    // Parses the arguments after the program name; a usage error is printed
+    // and returns false (the run then ends with CtlExitCode::Usage).
+    bool parse(const QStringList& arguments, const QString& apiFromEnvironment = QString());
+    const CtlArguments& arguments() const { return m_arguments; }
+    // Runs the parsed command; returns the exit code.
+    CtlExitCode::Enum execute();
+    // parse() and execute() in one.
+    CtlExitCode::Enum run(const QStringList& arguments, const QString& apiFromEnvironment = QString());
+
+    static QString version();
+
+private:
+    CtlExitCode::Enum usageError(const QString& message);
+    CtlExitCode::Enum fail(const CtlReply& reply);
+    // Prints a successful answer readably (or as JSON with --json), or the failure.
+    CtlExitCode::Enum finish(const CtlReply& reply, const std::function<QString(const QJsonObject&)>& readable);
+
+    CtlExitCode::Enum runSet();
+    CtlExitCode::Enum runInvoke();
+    CtlExitCode::Enum runJoin();
+    CtlExitCode::Enum runLeave();
+    CtlExitCode::Enum runWatch();
+    // Invokes a grouping request and prints the result like invoke.
+    CtlExitCode::Enum invokeGrouping(const QJsonObject& value);
+
+    QTextStream& m_out;
+    QTextStream& m_err;
+    CtlArguments m_arguments;
+    bool m_parsed = false;
+    CtlClient m_client;
+};

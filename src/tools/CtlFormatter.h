@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QString>
+
+#include "CtlEvent.h"
+
+// Readable text for what the control API answers. Every function accepts
+// any JSON at all: fields of the wrong type or missing show as empty, never
+// as a crash. Multi-line results end without a newline.
+class CtlFormatter
+{
+public:
+    // `host`: one "key: value" line per field.
+    static QString host(const QJsonObject& answer);
+    // The single view of a value: a string as itself, a number as a number,
+    // a record as indented JSON; "(no value)" for an empty value.
+    static QString value(const QJsonValue& value);
+    // One line describing a value, at most `maxChars` long, e.g.
+    // "follower dev2 -> master dev1" for a grouping member.
+    static QString summary(const QJsonValue& value, int maxChars = 80);
+    // A row type as number and name, e.g. "101 member".
+    static QString rowType(const QJsonValue& type);
+    // `rows`: a heading line, then a table of id, type, title and value.
+    static QString rows(const QJsonObject& answer);
+    // `tree`: every node with kind, title and rows, then the value paths.
+    static QString tree(const QJsonObject& answer);
+    // One line for an event of the stream; `wellFormed` (when given) tells
+    // whether its data was the JSON the API promises.
+    static QString event(const CtlEvent& event, bool* wellFormed = nullptr);
+    // The path an event is about; empty when its data names none.
+    static QString eventPath(const CtlEvent& event);
+
+private:
+    static QString table(const QJsonArray& rows, const QString& indent);
+    static QString rowLine(const QJsonValue& row);
+};
