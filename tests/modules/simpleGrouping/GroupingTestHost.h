@@ -1,0 +1,162 @@
+#pragma once
+
+#include <sys/resource.h>
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QHostAddress>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QUdpSocket>
+#include <QtTest>
+
+#include <model/cmrequest>
+#include <model/cmrowsclone>
+#include <tarv>
+
+// What a device's host holds for the module, set up per test: the own
+// record, the device state (empty until the module writes it), the two
+// streaming time settings and the system-members list in a registry of the
+// host's own. Everything goes away with the object (values are cleared).
+class GroupingTestHost
+{
+public:
+    GroupingTestHost(const TarvSystemMember& self, int stopTimeoutMs, int requestTimeoutMs)
+        : m_nodes(new CMNodes)
+    {
+        CMRoot()->defineValue(TarvSystemMemberPath(), TarvValue().setSystemMember(self).toVariant());
+        CMRoot()->defineValue(TarvDeviceStatePath(), TarvValue().toVariant());
+        CMRoot()->defineValue(TarvStopStreamingTimeoutPath(), TarvValue().setI32_(stopTimeoutMs).toVariant());
+        CMRoot()->defineValue(TarvRequestStreamingTimeoutPath(), TarvValue().setI32_(requestTimeoutMs).toVariant());
+        m_systemMembers = CMListRowsNode::create(m_nodes, TarvSystemMembersPath());
+    }
+    ~GroupingTestHost()
+    {
+        delete m_nodes;
+        CMRoot()->clearValues();
+    }
+    GroupingTestHost(const GroupingTestHost&) = delete;
+    GroupingTestHost& operator=(const GroupingTestHost&) = delete;
+
+    CMListRowsNode* systemMembers() const { return m_systemMembers; }
+
+    // Adds or replaces the system-members row of `member`.
+    void setSystemMember(const TarvSystemMember& member) { m_systemMembers->rowsSetById(row(member)); }
+    void removeSystemMember(const QString& id) { m_systemMembers->rowsRemoveById(id); }
+
+    static TarvRoles row(const TarvSystemMember& member)
+    {
+        TarvRoles roles;
+        roles.setId(member.id()).setType(TarvRolesType::Unknown).setTitle(TrString(member.name()));
+        roles.setValue(TarvValue().setSystemMember(member));
+        return roles;
+    }
+
+    static void setOwnRecord(const TarvSystemMember& self)
+    {
+        CMRoot()->setValue(TarvSystemMemberPath(), TarvValue().setSystemMember(self), CMReply<QVariant>());
+    }
+    static void setDeviceState(const QString& id, TarvTranscoderState::Enum state)
+    {
+        TarvSystemMemberTranscoderState record;
+        record.setId(id).setType(state);
+        CMRoot()->setValue(TarvDeviceStatePath(), TarvValue().setSystemMemberTranscoderState(record),
+                           CMReply<QVariant>());
+    }
+    static TarvSystemMemberTranscoderState deviceState()
+    {
+        return TarvValue(CMRoot()->getValue(TarvDeviceStatePath()).toHash()).systemMemberTranscoderState();
+    }
+
+private:
+    CMNodes* m_nodes;
+    CMListRowsNode* m_systemMembers;
+};
+
+inline TarvSystemMember makeMember(const QString& id, const QString& name, const QString& host = QString(),
+                                   const QString& ipAddress = QString(), bool transcoder = true)
+{
+    TarvSystemMember member;
+    member.setId(id).setName(name).setHost(host).setIpAddress(ipAddress).setTranscoder(transcoder);
+    return member;
+}
+
+inline TarvRoles membersRow(const QString& id)
+{
+    auto* node = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(TarvGroupingMembersPath()));
+    return node ? node->rowsGetById(id) : TarvRoles();
+}
+
+inline CMListRowsNode* membersNode()
+{
+    return qobject_cast<CMListRowsNode*>(CMRoot()->findNode(TarvGroupingMembersPath()));
+}
+
+// A UDP port nobody on this machine listens on right now (on every
+// interface, as the module's listener binds).
+inline quint16 freeUdpPort()
+{
+    QUdpSocket probe;
+    probe.bind(QHostAddress(QHostAddress::Any), 0);
+    return probe.localPort();
+}
+
+// Waits (bounded) for the next datagram on `socket` and returns its payload;
+// empty when none came.
+inline QByteArray nextDatagram(QUdpSocket& socket, int timeoutMs = 2000)
+{
+    if (!socket.hasPendingDatagrams() && !QTest::qWaitFor([&] { return socket.hasPendingDatagrams(); }, timeoutMs))
+        return QByteArray();
+    QByteArray payload(static_cast<int>(socket.pendingDatagramSize()), '\0');
+    socket.readDatagram(payload.data(), payload.size());
+    return payload;
+}
+
+// Sends one receiver-link datagram to the module's listener on this machine.
+inline void sendToListener(const QByteArray& payload)
+{
+    QUdpSocket sender;
+    sender.writeDatagram(payload, QHostAddress::LocalHost, TarvRequestPort());
+}
+
+// Fatal paths end the process, so they run in a child: the test binary runs
+// one test function again with TARV_TEST_CHILD set.
+struct ChildRun
+{
+    bool finished = false;
+    QProcess::ExitStatus status = QProcess::NormalExit;
+    QString stdoutText; // QtTest reports assertions here
+    QString stderrText; // the log goes here
+};
+
+inline bool isChildRun()
+{
+    return qEnvironmentVariableIsSet("TARV_TEST_CHILD");
+}
+
+inline ChildRun runTestFunctionInChild(const QString& function, int timeoutMs = 10000)
+{
+    QProcess child;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TARV_TEST_CHILD"), function);
+    child.setProcessEnvironment(env);
+    child.start(QCoreApplication::applicationFilePath(), {function});
+    ChildRun run;
+    run.finished = child.waitForFinished(timeoutMs);
+    if (!run.finished) {
+        child.kill();
+        child.waitForFinished(1000);
+    }
+    run.status = child.exitStatus();
+    run.stdoutText = QString::fromUtf8(child.readAllStandardOutput());
+    run.stderrText = QString::fromUtf8(child.readAllStandardError());
+    return run;
+}
+
+// A child that aborts on purpose leaves no core file behind.
+inline void disableCoreDumps()
+{
+    struct rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+}
