@@ -170,8 +170,9 @@ CtlReply CtlClient::call(const char* method, const QString& endpoint, const Quer
     }
     QByteArray answer;
     bool tooLarge = false;
-    request.content_receiver = [&answer, &tooLarge](const char* data, size_t length, uint64_t, uint64_t) {
-        if (answer.size() + qint64(length) > maxAnswerBytes()) {
+    const qint64 limit = m_maxAnswerBytes;
+    request.content_receiver = [&answer, &tooLarge, limit](const char* data, size_t length, uint64_t, uint64_t) {
+        if (answer.size() + qint64(length) > limit) {
             tooLarge = true;
             return false;
         }
@@ -188,9 +189,9 @@ CtlReply CtlClient::call(const char* method, const QString& endpoint, const Quer
     CtlReply reply;
     if (tooLarge) {
         reply = CtlReply::badResponse(response.status,
-                                      QStringLiteral("the answer from %1 is larger than %2 MiB")
+                                      QStringLiteral("the answer from %1 is larger than %2 bytes")
                                           .arg(where)
-                                          .arg(maxAnswerBytes() / (1024 * 1024)),
+                                          .arg(m_maxAnswerBytes),
                                       QByteArray());
     } else if (!sent || error != httplib::Error::Success) {
         switch (error) {

@@ -22,7 +22,7 @@ public:
     // The bound for an invoke when the caller gives none; the host uses the same.
     static int defaultInvokeTimeoutMs() { return 5000; }
     // Answers larger than this are refused rather than held in memory.
-    static qint64 maxAnswerBytes() { return 64 * 1024 * 1024; }
+    static qint64 defaultMaxAnswerBytes() { return 64 * 1024 * 1024; }
 
     CtlClient();
 
@@ -36,6 +36,8 @@ public:
     // call says otherwise.
     void setTimeoutMs(int timeoutMs) { m_timeoutMs = timeoutMs; }
     int timeoutMs() const { return m_timeoutMs; }
+    void setMaxAnswerBytes(qint64 bytes) { m_maxAnswerBytes = bytes; }
+    qint64 maxAnswerBytes() const { return m_maxAnswerBytes; }
 
     CtlReply host();
     CtlReply value(const QString& path);
@@ -65,4 +67,5 @@ private:
     QString m_host = QStringLiteral("127.0.0.1");
     int m_port = 8080;
     int m_timeoutMs = 10000;
+    qint64 m_maxAnswerBytes = defaultMaxAnswerBytes();
 };

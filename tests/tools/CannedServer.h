@@ -1,0 +1,76 @@
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QMap>
+#include <QString>
+
+#include <httplib.h>
+
+// A small HTTP server on 127.0.0.1 (a free port) that answers with canned
+// replies, for testing the client side of the control API. It records every
+// request it gets. Endpoints without a canned reply answer 404 with the
+// API's error form.
+class CannedServer
+{
+public:
+    struct Received
+    {
+        QString method;
+        QString path; // without the query
+        QMap<QString, QString> params;
+        QByteArray body;
+        QString contentType;
+        QString host; // the Host header
+    };
+
+    CannedServer();
+    ~CannedServer();
+    CannedServer(const CannedServer&) = delete;
+    CannedServer& operator=(const CannedServer&) = delete;
+
+    int port() const { return m_port; }
+    QString api() const;
+
+    // Answers `method` on `endpoint` (e.g. "GET", "/api/v1/host").
+    void answer(const QString& method, const QString& endpoint, int status, const QByteArray& body,
+                const QString& contentType = QStringLiteral("application/json"));
+    // Answers only after release() (or the server's end): a host that never replies.
+    void hold(const QString& method, const QString& endpoint);
+    // Streams `chunks` as a text/event-stream, `gapMs` apart; then keeps the
+    // stream open until release() or the client leaves, or ends it.
+    void stream(const QString& endpoint, const QList<QByteArray>& chunks, bool keepOpen, int gapMs = 0);
+    void release();
+
+    QList<Received> received() const;
+
+private:
+    struct Canned
+    {
+        enum Kind { Plain, Hold, Stream } kind = Plain;
+        int status = 200;
+        QByteArray body;
+        std::string contentType;
+        QList<QByteArray> chunks;
+        bool keepOpen = false;
+        int gapMs = 0;
+    };
+
+    void handle(const httplib::Request& request, httplib::Response& response);
+    // Waits up to `ms` for release(); true when released.
+    bool waitReleased(int ms);
+
+    httplib::Server m_server;
+    std::thread m_thread;
+    int m_port = 0;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_releasedChanged;
+    bool m_released = false;
+    QHash<QString, Canned> m_canned;
+    QList<Received> m_received;
+};
