@@ -1,0 +1,616 @@
+#include "ControlApi.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QNetworkInterface>
+
+#include <httplib.h>
+
+#include "CMActivateNode.h"
+#include "CMListRowsNode.h"
+#include "CMRootWorker.h"
+#include "EventStream.h"
+#include "HostJson.h"
+#include "HostWebPage.h"
+#include "TarvLog.h"
+#include "TarvPaths.h"
+#include "TarvSystemMember.h"
+#include "TarvValue.h"
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return TarvLog::logger("ControlApi");
+}
+
+const char* const jsonType = "application/json; charset=utf-8";
+// How long an idle event stream waits before it proves the client is still
+// there with a comment line.
+const int keepAliveMs = 10000;
+const int eventWaitMs = 250;
+
+void sendJson(httplib::Response& response, int status, const QJsonObject& object)
+{
+    response.status = status;
+    response.set_content(HostJson::compact(object), jsonType);
+}
+
+void sendError(httplib::Response& response, int status, const QString& name, const QString& title,
+               const QString& message)
+{
+    response.status = status;
+    response.set_content(HostJson::error(name, title, message), jsonType);
+}
+
+void badRequest(httplib::Response& response, const QString& message)
+{
+    sendError(response, 400, QStringLiteral("BadRequest"), QStringLiteral("Bad request"), message);
+}
+
+CMError makeError(const QString& name, const QString& title, const QString& message)
+{
+    CMError error;
+    error.setName(name).setTitle(title).setMessage(message);
+    return error;
+}
+
+CMError notFound(const QString& message)
+{
+    return makeError(QStringLiteral("NotFound"), QStringLiteral("Not found"), message);
+}
+
+QString methodList(const char* const* methods)
+{
+    QStringList list;
+    for (; *methods; ++methods)
+        list << QLatin1String(*methods);
+    return list.join(QStringLiteral(", "));
+}
+
+QString kindOf(CMNode* node)
+{
+    return node ? node->kind() : QString();
+}
+
+QString titleOf(CMNode* node)
+{
+    auto* ui = qobject_cast<CMUINode*>(node);
+    return ui ? ui->title().toString() : QString();
+}
+
+} // namespace
+
+ControlApi::ControlApi(const Options& options, QObject* parent)
+    : QObject(parent), m_options(options), m_server(new httplib::Server), m_events(new EventStream(this))
+{
+}
+
+ControlApi::~ControlApi()
+{
+    stop();
+}
+
+QString ControlApi::url() const
+{
+    const QString host = m_options.address.protocol() == QAbstractSocket::IPv6Protocol
+        ? QLatin1Char('[') + m_options.address.toString() + QLatin1Char(']')
+        : m_options.address.toString();
+    return QStringLiteral("http://%1:%2").arg(host).arg(m_port);
+}
+
+bool ControlApi::start(QString* error)
+{
+    m_allowedHosts.clear();
+    for (const QString& name : qAsConst(m_options.allowedHosts))
+        m_allowedHosts << name.toLower();
+    m_allowedHosts << QStringLiteral("localhost") << QStringLiteral("localhost.localdomain")
+                   << m_options.address.toString().toLower();
+    for (const QHostAddress& address : QNetworkInterface::allAddresses()) {
+        QHostAddress unscoped(address);
+        unscoped.setScopeId(QString());
+        m_allowedHosts << unscoped.toString().toLower();
+    }
+    m_allowedHosts.removeDuplicates();
+
+    httplib::Server& server = *m_server;
+    server.set_payload_max_length(MaxBodyBytes);
+    server.set_keep_alive_timeout(2);
+    // Event streams hold a thread each; the rest of the pool stays free for
+    // ordinary requests.
+    server.new_task_queue = [] { return new httplib::ThreadPool(EventStream::MaxSubscribers + 8); };
+
+    server.set_pre_routing_handler([this](const Request& request, Response& response) {
+        if (!request.has_header("Host")) {
+            badRequest(response, QStringLiteral("The request has no Host header"));
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        const std::string host = request.get_header_value("Host");
+        if (!hostAllowed(host)) {
+            LOG4CPLUS_WARN(logger(), "Refused a request for foreign host " << QString::fromStdString(host) << " from "
+                                                                            << QString::fromStdString(request.remote_addr));
+            sendError(response, 403, QStringLiteral("Forbidden"), QStringLiteral("Forbidden"),
+                      QStringLiteral("This host does not answer to the name '%1' (Host header); use its address or "
+                                     "host name")
+                          .arg(QString::fromStdString(host)));
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (m_stopping) {
+            sendError(response, 503, QStringLiteral("Unavailable"), QStringLiteral("Shutting down"),
+                      QStringLiteral("The host is shutting down"));
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+
+    server.set_error_handler(httplib::Server::HandlerWithResponse([](const Request& request, Response& response) {
+        if (!response.body.empty())
+            return httplib::Server::HandlerResponse::Unhandled;
+        const QString what = QString::fromStdString(request.method + " " + request.path);
+        switch (response.status) {
+        case 404:
+            sendError(response, 404, QStringLiteral("NotFound"), QStringLiteral("Not found"),
+                      QStringLiteral("No such endpoint: %1. The API is /api/v1/host, value, invoke, rows, tree and "
+                                     "events")
+                          .arg(what));
+            break;
+        case 413:
+            sendError(response, 413, QStringLiteral("PayloadTooLarge"), QStringLiteral("Request body too large"),
+                      QStringLiteral("The request body is larger than %1 bytes").arg(MaxBodyBytes));
+            break;
+        case 400:
+            badRequest(response, QStringLiteral("The HTTP request is malformed"));
+            break;
+        default:
+            sendError(response, response.status, QStringLiteral("Error"), QStringLiteral("Error"),
+                      QStringLiteral("%1 failed with HTTP status %2").arg(what).arg(response.status));
+            break;
+        }
+        return httplib::Server::HandlerResponse::Handled;
+    }));
+
+    server.set_exception_handler([](const Request& request, Response& response, std::exception_ptr failure) {
+        QString reason = QStringLiteral("unknown exception");
+        try {
+            std::rethrow_exception(failure);
+        } catch (const std::exception& e) {
+            reason = QString::fromLocal8Bit(e.what());
+        } catch (...) {
+        }
+        LOG4CPLUS_ERROR(logger(), "Request " << QString::fromStdString(request.method + " " + request.path)
+                                             << " failed: " << reason);
+        sendError(response, 500, QStringLiteral("InternalError"), QStringLiteral("Internal error"),
+                  QStringLiteral("The host failed to handle the request: ") + reason);
+    });
+
+    // Every endpoint answers every method: the ones it serves, and a clear
+    // 405 for the rest.
+    struct Endpoint
+    {
+        const char* path;
+        const char* const* methods;
+    };
+    static const char* const getOnly[] = {"GET", nullptr};
+    static const char* const getPut[] = {"GET", "PUT", nullptr};
+    static const char* const postOnly[] = {"POST", nullptr};
+    const Endpoint endpoints[] = {
+        {"/", getOnly},
+        {"/api/v1/host", getOnly},
+        {"/api/v1/value", getPut},
+        {"/api/v1/invoke", postOnly},
+        {"/api/v1/rows", getOnly},
+        {"/api/v1/tree", getOnly},
+        {"/api/v1/events", getOnly},
+    };
+    for (const Endpoint& endpoint : endpoints) {
+        const QString allowed = methodList(endpoint.methods);
+        const auto refuse = [allowed](const Request& request, Response& response) {
+            response.set_header("Allow", allowed.toStdString());
+            sendError(response, 405, QStringLiteral("MethodNotAllowed"), QStringLiteral("Method not allowed"),
+                      QStringLiteral("%1 does not take %2; use %3")
+                          .arg(QString::fromStdString(request.path), QString::fromStdString(request.method), allowed));
+        };
+        const auto serves = [&endpoint](const char* method) {
+            for (const char* const* m = endpoint.methods; *m; ++m) {
+                if (std::strcmp(*m, method) == 0)
+                    return true;
+            }
+            return false;
+        };
+        const std::string pattern = endpoint.path;
+        if (!serves("GET"))
+            server.Get(pattern, refuse);
+        if (!serves("PUT"))
+            server.Put(pattern, refuse);
+        if (!serves("POST"))
+            server.Post(pattern, refuse);
+        server.Delete(pattern, refuse);
+        server.Patch(pattern, refuse);
+    }
+    server.Get("/", [this](const Request& q, Response& r) { handlePage(q, r); });
+    server.Get("/api/v1/host", [this](const Request& q, Response& r) { handleHost(q, r); });
+    server.Get("/api/v1/value", [this](const Request& q, Response& r) { handleGetValue(q, r); });
+    server.Put("/api/v1/value", [this](const Request& q, Response& r) { handlePutValue(q, r); });
+    server.Post("/api/v1/invoke", [this](const Request& q, Response& r) { handleInvoke(q, r); });
+    server.Get("/api/v1/rows", [this](const Request& q, Response& r) { handleRows(q, r); });
+    server.Get("/api/v1/tree", [this](const Request& q, Response& r) { handleTree(q, r); });
+    server.Get("/api/v1/events", [this](const Request& q, Response& r) { handleEvents(q, r); });
+
+    const std::string address = m_options.address.toString().toStdString();
+    errno = 0;
+    if (m_options.port == 0) {
+        const int port = server.bind_to_any_port(address);
+        if (port <= 0) {
+            *error = QStringLiteral("cannot listen on %1 for the control API: %2")
+                         .arg(m_options.address.toString(), QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        m_port = static_cast<quint16>(port);
+    } else {
+        if (!server.bind_to_port(address, m_options.port)) {
+            *error = QStringLiteral("cannot listen on %1:%2 for the control API: %3")
+                         .arg(m_options.address.toString())
+                         .arg(m_options.port)
+                         .arg(QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        m_port = m_options.port;
+    }
+    m_thread = std::thread([this] { m_server->listen_after_bind(); });
+    LOG4CPLUS_INFO(logger(), "Control API on " << url());
+    return true;
+}
+
+void ControlApi::stop()
+{
+    m_stopping = true;
+    m_events->close();
+    {
+        // The loop is busy stopping us; nobody should wait for it.
+        std::lock_guard<std::mutex> locker(m_pendingMutex);
+        for (const Pending& pending : m_pending) {
+            if (pending.reply.isFinished())
+                continue;
+            *pending.status = 503;
+            pending.reply.setError(makeError(QStringLiteral("Unavailable"), QStringLiteral("Shutting down"),
+                                             QStringLiteral("The host is shutting down")));
+        }
+    }
+    if (m_thread.joinable()) {
+        m_server->stop();
+        m_thread.join();
+        LOG4CPLUS_INFO(logger(), "Control API stopped");
+    }
+}
+
+bool ControlApi::hostAllowed(const std::string& hostHeader) const
+{
+    QString host = QString::fromStdString(hostHeader).trimmed().toLower();
+    if (host.startsWith(QLatin1Char('['))) {
+        const int close = host.indexOf(QLatin1Char(']'));
+        if (close < 0)
+            return false;
+        const QString rest = host.mid(close + 1);
+        if (!rest.isEmpty() && !rest.startsWith(QLatin1Char(':')))
+            return false;
+        host = host.mid(1, close - 1);
+    } else if (host.count(QLatin1Char(':')) == 1) {
+        host = host.left(host.indexOf(QLatin1Char(':')));
+    }
+    if (host.endsWith(QLatin1Char('.')))
+        host.chop(1);
+    if (host.isEmpty())
+        return false;
+    QHostAddress literal;
+    if (literal.setAddress(host)) {
+        literal.setScopeId(QString());
+        host = literal.toString().toLower();
+    }
+    return m_allowedHosts.contains(host);
+}
+
+ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
+{
+    const CMReply<QVariant> reply;
+    const auto status = std::make_shared<int>(200);
+    std::list<Pending>::iterator pending;
+    {
+        std::lock_guard<std::mutex> locker(m_pendingMutex);
+        pending = m_pending.insert(m_pending.end(), Pending{reply, status});
+    }
+    QMetaObject::invokeMethod(
+        this, [work, reply, status] { work(reply, status.get()); }, Qt::QueuedConnection);
+    LoopOutcome outcome;
+    outcome.answered = reply.waitForFinished(static_cast<unsigned long>(waitMs));
+    {
+        std::lock_guard<std::mutex> locker(m_pendingMutex);
+        m_pending.erase(pending);
+    }
+    if (!outcome.answered)
+        return outcome;
+    // The reply's lock orders these reads after the loop's writes.
+    outcome.status = *status;
+    if (reply.hasError()) {
+        outcome.error = reply.error();
+        if (outcome.status == 200)
+            outcome.status = 422;
+    } else {
+        outcome.result = reply.result();
+    }
+    return outcome;
+}
+
+void ControlApi::answer(const LoopOutcome& outcome, int waitMs, Response& response)
+{
+    if (!outcome.answered) {
+        sendError(response, 504, QStringLiteral("Timeout"), QStringLiteral("No answer"),
+                  QStringLiteral("No answer within %1 ms").arg(waitMs));
+        return;
+    }
+    if (outcome.status >= 400) {
+        sendError(response, outcome.status, outcome.error.name(), outcome.error.title(), outcome.error.message());
+        return;
+    }
+    sendJson(response, outcome.status, HostJson::fromVariant(outcome.result).toObject());
+}
+
+bool ControlApi::pathParameter(const Request& request, Response& response, QString* path)
+{
+    if (!request.has_param("path")) {
+        badRequest(response, QStringLiteral("The query parameter 'path' is missing, e.g. ?path=/settings/device/name"));
+        return false;
+    }
+    *path = QString::fromStdString(request.get_param_value("path"));
+    if (!path->startsWith(QLatin1Char('/')) || CMPath(*path).isEmpty()) {
+        badRequest(response, QStringLiteral("'%1' is not a path; paths start with /, e.g. /settings/device/name")
+                                 .arg(*path));
+        return false;
+    }
+    *path = CMPath(*path).toString();
+    return true;
+}
+
+void ControlApi::handleHost(const Request&, Response& response)
+{
+    const QString version = m_options.version;
+    const LoopOutcome outcome = runOnLoop(
+        [version](const CMReply<QVariant>& reply, int*) {
+            const TarvSystemMember record =
+                TarvValue(CMRoot()->getValue(TarvSystemMemberPath()).toHash()).systemMember();
+            QVariantHash host;
+            host.insert(QStringLiteral("id"),
+                        TarvValue(CMRoot()->getValue(TarvSystemMemberIdPath()).toHash()).string_());
+            host.insert(QStringLiteral("name"),
+                        TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_());
+            host.insert(QStringLiteral("host"), record.host());
+            host.insert(QStringLiteral("address"), record.ipAddress());
+            host.insert(QStringLiteral("requestPort"), TarvRequestPort());
+            host.insert(QStringLiteral("version"), version);
+            reply.setResult(host);
+        },
+        DefaultWaitMs);
+    answer(outcome, DefaultWaitMs, response);
+}
+
+void ControlApi::handleGetValue(const Request& request, Response& response)
+{
+    QString path;
+    if (!pathParameter(request, response, &path))
+        return;
+    const LoopOutcome outcome = runOnLoop(
+        [path](const CMReply<QVariant>& reply, int* status) {
+            if (!CMRoot()->hasValue(path)) {
+                *status = 404;
+                CMNode* node = CMRoot()->findNode(path);
+                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not a value%3")
+                                                   .arg(path, kindOf(node),
+                                                        qobject_cast<CMListRowsNode*>(node)
+                                                            ? QStringLiteral("; read it with GET /api/v1/rows?path=") + path
+                                                            : QString())
+                                             : QStringLiteral("No value at %1").arg(path)));
+                return;
+            }
+            QVariantHash result;
+            result.insert(QStringLiteral("path"), path);
+            result.insert(QStringLiteral("value"), CMRoot()->getValue(path));
+            reply.setResult(result);
+        },
+        DefaultWaitMs);
+    answer(outcome, DefaultWaitMs, response);
+}
+
+void ControlApi::handlePutValue(const Request& request, Response& response)
+{
+    QString path;
+    if (!pathParameter(request, response, &path))
+        return;
+    QVariantHash value;
+    QString parseError;
+    if (request.body.empty()) {
+        badRequest(response, QStringLiteral("PUT needs the new value as a JSON object in the body"));
+        return;
+    }
+    if (!HostJson::parseObject(request.body, &value, &parseError)) {
+        badRequest(response, parseError);
+        return;
+    }
+    const LoopOutcome outcome = runOnLoop(
+        [path, value](const CMReply<QVariant>& reply, int* status) {
+            if (!CMRoot()->hasValue(path)) {
+                *status = 404;
+                CMNode* node = CMRoot()->findNode(path);
+                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not a value").arg(path, kindOf(node))
+                                             : QStringLiteral("No value at %1").arg(path)));
+                return;
+            }
+            const QString refusal = CMRoot()->storeValue(path, value);
+            if (!refusal.isEmpty()) {
+                *status = 422;
+                reply.setError(makeError(QStringLiteral("Refused"), QStringLiteral("Value refused"), refusal));
+                return;
+            }
+            QVariantHash result;
+            result.insert(QStringLiteral("path"), path);
+            result.insert(QStringLiteral("value"), CMRoot()->getValue(path));
+            reply.setResult(result);
+        },
+        DefaultWaitMs);
+    answer(outcome, DefaultWaitMs, response);
+}
+
+void ControlApi::handleInvoke(const Request& request, Response& response)
+{
+    QString path;
+    if (!pathParameter(request, response, &path))
+        return;
+    int waitMs = DefaultWaitMs;
+    if (request.has_param("timeout_ms")) {
+        bool ok = false;
+        waitMs = QString::fromStdString(request.get_param_value("timeout_ms")).toInt(&ok);
+        if (!ok || waitMs < 1 || waitMs > MaxInvokeWaitMs) {
+            badRequest(response, QStringLiteral("timeout_ms must be a whole number of milliseconds from 1 to %1")
+                                     .arg(MaxInvokeWaitMs));
+            return;
+        }
+    }
+    QVariantHash value;
+    QString parseError;
+    if (!HostJson::parseObject(request.body, &value, &parseError)) {
+        badRequest(response, parseError);
+        return;
+    }
+    const LoopOutcome outcome = runOnLoop(
+        [path, value](const CMReply<QVariant>& reply, int* status) {
+            CMNode* node = CMRoot()->findNode(path);
+            if (!qobject_cast<CMActivateNode*>(node)) {
+                *status = 404;
+                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not an action").arg(path, kindOf(node))
+                                             : QStringLiteral("No action at %1").arg(path)));
+                return;
+            }
+            CMRoot()->invoke(path, TarvHash(value), reply);
+        },
+        waitMs);
+    if (outcome.answered && outcome.status == 200) {
+        QJsonObject result;
+        result.insert(QStringLiteral("result"), HostJson::fromVariant(outcome.result));
+        sendJson(response, 200, result);
+        return;
+    }
+    if (!outcome.answered) {
+        sendError(response, 504, QStringLiteral("Timeout"), QStringLiteral("No answer"),
+                  QStringLiteral("The action at %1 did not answer within %2 ms").arg(path).arg(waitMs));
+        return;
+    }
+    answer(outcome, waitMs, response);
+}
+
+void ControlApi::handleRows(const Request& request, Response& response)
+{
+    QString path;
+    if (!pathParameter(request, response, &path))
+        return;
+    const LoopOutcome outcome = runOnLoop(
+        [path](const CMReply<QVariant>& reply, int* status) {
+            CMNode* node = CMRoot()->findNode(path);
+            auto* list = qobject_cast<CMListRowsNode*>(node);
+            if (!list) {
+                *status = 404;
+                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not a list").arg(path, kindOf(node))
+                                        : CMRoot()->hasValue(path)
+                                        ? QStringLiteral("%1 is a value, not a list; read it with GET "
+                                                         "/api/v1/value?path=%1")
+                                              .arg(path)
+                                        : QStringLiteral("No list at %1").arg(path)));
+                return;
+            }
+            QVariantHash result;
+            result.insert(QStringLiteral("path"), path);
+            result.insert(QStringLiteral("title"), list->title().toString());
+            result.insert(QStringLiteral("loading"), list->isLoading());
+            result.insert(QStringLiteral("rows"), list->rows());
+            reply.setResult(result);
+        },
+        DefaultWaitMs);
+    answer(outcome, DefaultWaitMs, response);
+}
+
+void ControlApi::handleTree(const Request&, Response& response)
+{
+    const LoopOutcome outcome = runOnLoop(
+        [](const CMReply<QVariant>& reply, int*) {
+            QList<CMNode*> nodes = CMRoot()->allNodes();
+            std::sort(nodes.begin(), nodes.end(), [](CMNode* a, CMNode* b) { return a->path() < b->path(); });
+            QVariantList nodeList;
+            for (CMNode* node : qAsConst(nodes)) {
+                QVariantHash entry;
+                entry.insert(QStringLiteral("path"), node->path().toString());
+                entry.insert(QStringLiteral("kind"), node->kind());
+                entry.insert(QStringLiteral("title"), titleOf(node));
+                if (auto* list = qobject_cast<CMListRowsNode*>(node)) {
+                    entry.insert(QStringLiteral("loading"), list->isLoading());
+                    entry.insert(QStringLiteral("rows"), list->rows());
+                }
+                nodeList.append(entry);
+            }
+            QList<CMPath> paths = CMRoot()->valuePaths();
+            std::sort(paths.begin(), paths.end());
+            QVariantList values;
+            for (const CMPath& path : qAsConst(paths))
+                values.append(path.toString());
+            QVariantHash result;
+            result.insert(QStringLiteral("nodes"), nodeList);
+            result.insert(QStringLiteral("values"), values);
+            reply.setResult(result);
+        },
+        DefaultWaitMs);
+    answer(outcome, DefaultWaitMs, response);
+}
+
+void ControlApi::handleEvents(const Request&, Response& response)
+{
+    std::shared_ptr<EventStream::Subscription> subscription = m_events->subscribe();
+    if (!subscription) {
+        sendError(response, 503, QStringLiteral("Unavailable"), QStringLiteral("Too many event streams"),
+                  QStringLiteral("At most %1 event streams may be open at once").arg(EventStream::MaxSubscribers));
+        return;
+    }
+    response.set_header("Cache-Control", "no-cache");
+    EventStream* events = m_events;
+    auto quietMs = std::make_shared<int>(0);
+    auto greeted = std::make_shared<bool>(false);
+    response.set_chunked_content_provider(
+        "text/event-stream",
+        [subscription, quietMs, greeted](size_t, httplib::DataSink& sink) {
+            if (!*greeted) {
+                // Tells the client its subscription is live before any event.
+                *greeted = true;
+                const std::string hello = ": tarv-host events\n\n";
+                return sink.write(hello.data(), hello.size());
+            }
+            std::string text;
+            if (!EventStream::next(*subscription, eventWaitMs, &text)) {
+                sink.done();
+                return true;
+            }
+            if (text.empty()) {
+                *quietMs += eventWaitMs;
+                if (*quietMs < keepAliveMs)
+                    return sink.is_writable();
+                *quietMs = 0;
+                text = ": keep-alive\n\n";
+            }
+            *quietMs = 0;
+            return sink.write(text.data(), text.size());
+        },
+        [events, subscription](bool) { events->unsubscribe(subscription); });
+}
+
+void ControlApi::handlePage(const Request&, Response& response)
+{
+    response.set_content(HostWebPage::html(), "text/html; charset=utf-8");
+}

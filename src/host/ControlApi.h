@@ -1,0 +1,117 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <QHostAddress>
+#include <QObject>
+#include <QStringList>
+#include <QVariant>
+
+#include "CMError.h"
+#include "CMReply.h"
+
+namespace httplib {
+class Server;
+struct Request;
+struct Response;
+} // namespace httplib
+
+class EventStream;
+
+// The HTTP/JSON control API. The server runs in threads of its own; every
+// request that reads or changes the data model is handed to the event-loop
+// thread (this object's thread) and waited for with a bound, so nodes and
+// values are only ever touched there.
+//   GET  /api/v1/host                      {"id","name","host","address","requestPort","version"}
+//   GET  /api/v1/value?path=P              {"path","value"}
+//   PUT  /api/v1/value?path=P   body V     {"path","value"}
+//   POST /api/v1/invoke?path=P[&timeout_ms=N]  body V   {"result"}
+//   GET  /api/v1/rows?path=P               {"path","title","loading","rows"}
+//   GET  /api/v1/tree                      {"nodes":[{"path","kind","title"[,"loading","rows"]}],"values":[P...]}
+//   GET  /api/v1/events                    text/event-stream
+//   GET  /                                 a small web page
+// Failures answer {"error": {"name","title","message"}}: 400 malformed
+// request, 403 foreign Host header, 404 unknown path or endpoint, 405 wrong
+// method, 413 body over 64 KiB, 422 value or action refused, 503 shutting
+// down or too many event streams, 504 no answer within the bound.
+class ControlApi : public QObject
+{
+    Q_OBJECT
+
+public:
+    static constexpr int DefaultWaitMs = 5000;
+    static constexpr int MaxInvokeWaitMs = 60000;
+    static constexpr size_t MaxBodyBytes = 64 * 1024;
+
+    struct Options
+    {
+        QHostAddress address = QHostAddress::LocalHost;
+        quint16 port = 0; // 0: a free port
+        // Names besides this machine's addresses and "localhost" that a
+        // request's Host header may carry (DNS-rebinding guard).
+        QStringList allowedHosts;
+        QString version;
+    };
+
+    explicit ControlApi(const Options& options, QObject* parent = nullptr);
+    ~ControlApi() override;
+
+    bool start(QString* error);
+    // Ends the event streams and stops the server; returns once its threads
+    // are gone. Safe to call more than once.
+    void stop();
+
+    quint16 port() const { return m_port; }
+    QString url() const;
+
+private:
+    using Request = httplib::Request;
+    using Response = httplib::Response;
+    // Work run on the event loop: answers through the reply; sets `status`
+    // for refusals of its own (the reply's error then carries the message).
+    using LoopWork = std::function<void(const CMReply<QVariant>& reply, int* status)>;
+
+    struct LoopOutcome
+    {
+        bool answered = false;
+        int status = 200;
+        QVariant result;
+        CMError error;
+    };
+
+    LoopOutcome runOnLoop(const LoopWork& work, int waitMs);
+    void answer(const LoopOutcome& outcome, int waitMs, Response& response);
+    bool hostAllowed(const std::string& hostHeader) const;
+    bool pathParameter(const Request& request, Response& response, QString* path);
+
+    void handleHost(const Request& request, Response& response);
+    void handleGetValue(const Request& request, Response& response);
+    void handlePutValue(const Request& request, Response& response);
+    void handleInvoke(const Request& request, Response& response);
+    void handleRows(const Request& request, Response& response);
+    void handleTree(const Request& request, Response& response);
+    void handleEvents(const Request& request, Response& response);
+    void handlePage(const Request& request, Response& response);
+
+    // A request waiting for the event loop; stop() answers it at once.
+    struct Pending
+    {
+        CMReply<QVariant> reply;
+        std::shared_ptr<int> status;
+    };
+
+    Options m_options;
+    std::mutex m_pendingMutex;
+    std::list<Pending> m_pending;
+    std::unique_ptr<httplib::Server> m_server;
+    std::thread m_thread;
+    EventStream* m_events;
+    QStringList m_allowedHosts;
+    quint16 m_port = 0;
+    std::atomic<bool> m_stopping{false};
+};

@@ -1,0 +1,308 @@
+#include "Discovery.h"
+
+#include <limits>
+
+#include <QNetworkDatagram>
+#include <QNetworkInterface>
+
+#include "CMListRowsNode.h"
+#include "HostValidators.h"
+#include "TarvConnect.h"
+#include "TarvJson.h"
+#include "TarvLog.h"
+#include "TarvNetwork.h"
+#include "TarvRoles.h"
+#include "TarvValue.h"
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return TarvLog::logger("Discovery");
+}
+
+const char* const receivedKey = "received";
+const char* const malformedKey = "malformed";
+const char* const oversizedKey = "oversized";
+const char* const noIdKey = "noId";
+const char* const droppedKey = "dropped";
+
+bool hasType(const QVariantHash& hash, const QString& key, int type)
+{
+    return !hash.contains(key) || hash.value(key).userType() == type;
+}
+
+// What a well-formed record may hold; anything else marks the sender as
+// something other than a host of ours.
+QString checkRecordFields(const QVariantHash& record)
+{
+    for (const QString& key : {TarvSystemMember::Id(), TarvSystemMember::Name(), TarvSystemMember::Host(),
+                               TarvSystemMember::IpAddress()}) {
+        if (!hasType(record, key, QMetaType::QString))
+            return QStringLiteral("\"%1\" is not text").arg(key);
+    }
+    if (!hasType(record, TarvSystemMember::Transcoder(), QMetaType::Bool))
+        return QStringLiteral("\"transcoder\" is not true or false");
+    qint64 timestamp = 0;
+    if (record.contains(TarvSystemMember::PersistentGroupTimestamp())
+        && !HostValidators::toInteger(record.value(TarvSystemMember::PersistentGroupTimestamp()), &timestamp))
+        return QStringLiteral("\"persistentGroupTimestamp\" is not a number");
+    if (!hasType(record, TarvSystemMember::PersistentGroupMembers(), QMetaType::QVariantList))
+        return QStringLiteral("\"persistentGroupMembers\" is not a list");
+    for (const QVariant& member : record.value(TarvSystemMember::PersistentGroupMembers()).toList()) {
+        if (member.userType() != QMetaType::QString)
+            return QStringLiteral("\"persistentGroupMembers\" holds something other than ids");
+    }
+    return QString();
+}
+
+} // namespace
+
+Discovery::Discovery(CMListRowsNode* members, const Options& options, QObject* parent)
+    : QObject(parent), m_members(members), m_options(options)
+{
+    for (const char* key : {receivedKey, malformedKey, oversizedKey, noIdKey, droppedKey})
+        m_stats.insert(QLatin1String(key), 0);
+    m_periodTimer.setInterval(m_options.periodMs);
+    m_expiryTimer.setSingleShot(true);
+    tarvConnect(&m_periodTimer, &QTimer::timeout, this, &Discovery::on_periodTimer_timeout);
+    tarvConnect(&m_expiryTimer, &QTimer::timeout, this, &Discovery::on_expiryTimer_timeout);
+    tarvConnect(&m_socket, &QUdpSocket::readyRead, this, &Discovery::on_socket_readyRead);
+}
+
+bool Discovery::start(QString* error)
+{
+    m_clock.start();
+    m_started = true;
+    m_periodTimer.start();
+
+    const QString where = QStringLiteral("%1:%2").arg(m_options.group.toString()).arg(m_options.port);
+    // Bound to the group itself so that only the group's traffic arrives;
+    // shared so that several hosts on one machine can listen.
+    if (!m_socket.bind(m_options.group, m_options.port,
+                       QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint)) {
+        *error = QStringLiteral("cannot bind the discovery socket to %1: %2").arg(where, m_socket.errorString());
+        LOG4CPLUS_ERROR(logger(), "Discovery is off: " << *error);
+        return false;
+    }
+    QNetworkInterface iface;
+    if (m_options.interfaceAddress != QHostAddress(QHostAddress::AnyIPv4) && !m_options.interfaceAddress.isNull()) {
+        for (const QNetworkInterface& candidate : QNetworkInterface::allInterfaces()) {
+            for (const QNetworkAddressEntry& entry : candidate.addressEntries()) {
+                if (entry.ip() == m_options.interfaceAddress)
+                    iface = candidate;
+            }
+        }
+        if (!iface.isValid()) {
+            *error = QStringLiteral("no network interface has the address %1").arg(m_options.interfaceAddress.toString());
+            LOG4CPLUS_ERROR(logger(), "Discovery is off: " << *error);
+            m_socket.close();
+            return false;
+        }
+    }
+    const bool joined = iface.isValid() ? m_socket.joinMulticastGroup(m_options.group, iface)
+                                        : m_socket.joinMulticastGroup(m_options.group);
+    if (!joined) {
+        *error = QStringLiteral("cannot join the discovery group %1%2: %3")
+                     .arg(where, iface.isValid() ? QStringLiteral(" on ") + iface.name() : QString(),
+                          m_socket.errorString());
+        LOG4CPLUS_ERROR(logger(), "Discovery is off: " << *error);
+        m_socket.close();
+        return false;
+    }
+    if (iface.isValid())
+        m_socket.setMulticastInterface(iface);
+    // Hosts on the same machine (or the same namespace) must hear each other;
+    // announcements never leave the link.
+    m_socket.setSocketOption(QAbstractSocket::MulticastLoopbackOption, 1);
+    m_socket.setSocketOption(QAbstractSocket::MulticastTtlOption, 1);
+    LOG4CPLUS_INFO(logger(), "Discovery on " << where << (iface.isValid() ? " via " + iface.name() : QString())
+                                             << " every " << m_options.periodMs << " ms");
+    announce();
+    return true;
+}
+
+void Discovery::stop()
+{
+    m_started = false;
+    m_periodTimer.stop();
+    m_expiryTimer.stop();
+    if (m_socket.state() == QAbstractSocket::BoundState)
+        m_socket.leaveMulticastGroup(m_options.group);
+    m_socket.close();
+}
+
+void Discovery::setOwnRecord(const TarvSystemMember& record)
+{
+    if (record == m_own)
+        return;
+    m_own = record;
+    if (!m_own.id().isEmpty()) {
+        TarvRoles row;
+        row.setId(m_own.id())
+            .setType(TarvRolesType::Unknown)
+            .setTitle(m_own.name())
+            .setValue(TarvValue().setSystemMember(m_own));
+        m_members->rowsSetById(row);
+    }
+    if (m_started)
+        announce();
+}
+
+QVariantHash Discovery::stats() const
+{
+    return m_stats;
+}
+
+void Discovery::announce()
+{
+    if (m_own.id().isEmpty() || m_socket.state() != QAbstractSocket::BoundState)
+        return;
+    const QByteArray data = TarvValue().setSystemMember(m_own).toJson(false);
+    if (data.size() > MaxAnnouncementBytes) {
+        LOG4CPLUS_ERROR(logger(), "Own record is " << data.size() << " bytes, more than " << MaxAnnouncementBytes
+                                                   << "; not announced");
+        return;
+    }
+    if (m_socket.writeDatagram(data, m_options.group, m_options.port) != data.size())
+        LOG4CPLUS_WARN(logger(), "Cannot announce on " << m_options.group.toString() << ":" << m_options.port << ": "
+                                                       << m_socket.errorString());
+}
+
+void Discovery::on_socket_readyRead()
+{
+    while (m_socket.hasPendingDatagrams()) {
+        const qint64 size = m_socket.pendingDatagramSize();
+        QByteArray data(static_cast<int>(qMax<qint64>(size, 0)), Qt::Uninitialized);
+        QHostAddress sender;
+        const qint64 read = m_socket.readDatagram(data.data(), data.size(), &sender);
+        if (read < 0)
+            break;
+        data.truncate(static_cast<int>(read));
+        if (size > MaxAnnouncementBytes) {
+            drop(oversizedKey, sender, QStringLiteral("%1 bytes, more than %2").arg(size).arg(MaxAnnouncementBytes));
+            continue;
+        }
+        handleDatagram(data, sender);
+    }
+}
+
+void Discovery::handleDatagram(const QByteArray& data, const QHostAddress& sender)
+{
+    TarvError parseError;
+    const QVariant parsed = TarvJson::parse(data, parseError, nullptr);
+    if (parseError.isError()) {
+        drop(malformedKey, sender, QStringLiteral("not JSON (") + parseError.message + QLatin1Char(')'));
+        return;
+    }
+    const QVariantHash root = parsed.toHash();
+    const QVariant member = root.value(TarvValue::SystemMember());
+    if (parsed.userType() != QMetaType::QVariantHash || root.size() != 1
+        || member.userType() != QMetaType::QVariantHash) {
+        drop(malformedKey, sender, QStringLiteral("not a {\"systemMember\": {...}} object"));
+        return;
+    }
+    const QVariantHash fields = member.toHash();
+    const QString fieldError = checkRecordFields(fields);
+    if (!fieldError.isEmpty()) {
+        drop(malformedKey, sender, fieldError);
+        return;
+    }
+    const TarvSystemMember announced(fields);
+    if (announced.id().isEmpty()) {
+        drop(noIdKey, sender, QStringLiteral("no device id"));
+        return;
+    }
+    m_stats[QLatin1String(receivedKey)] = m_stats.value(QLatin1String(receivedKey)).toLongLong() + 1;
+    if (announced.id() == m_own.id())
+        return; // our own announcement, heard through the loopback
+
+    // Rebuilt field by field so every row holds the same types.
+    TarvSystemMember record;
+    record.setId(announced.id())
+        .setName(announced.name())
+        .setHost(announced.host())
+        .setIpAddress(announced.ipAddress().isEmpty() ? tarvQHostAddressToIp(sender) : announced.ipAddress())
+        .setTranscoder(announced.transcoder())
+        .setPersistentGroupMembers(announced.persistentGroupMembers())
+        .setPersistentGroupTimestamp(announced.persistentGroupTimestamp());
+    upsert(record);
+}
+
+void Discovery::drop(const char* counter, const QHostAddress& sender, const QString& reason)
+{
+    m_stats[QLatin1String(counter)] = m_stats.value(QLatin1String(counter)).toLongLong() + 1;
+    m_stats[QLatin1String(droppedKey)] = m_stats.value(QLatin1String(droppedKey)).toLongLong() + 1;
+    // A flood of junk must not flood the log: one warning per period.
+    if (!m_warnedThisPeriod) {
+        m_warnedThisPeriod = true;
+        LOG4CPLUS_WARN(logger(), "Dropped discovery announcement from " << tarvQHostAddressToIp(sender) << ": "
+                                                                        << reason);
+    } else {
+        LOG4CPLUS_DEBUG(logger(), "Dropped discovery announcement from " << tarvQHostAddressToIp(sender) << ": "
+                                                                         << reason);
+    }
+    m_lastReportedStats = m_stats;
+    Q_EMIT statsChanged(m_stats);
+}
+
+void Discovery::upsert(const TarvSystemMember& record)
+{
+    const bool known = m_lastSeen.contains(record.id());
+    m_lastSeen.insert(record.id(), m_clock.elapsed());
+    TarvRoles row;
+    row.setId(record.id())
+        .setType(TarvRolesType::Unknown)
+        .setTitle(record.name())
+        .setValue(TarvValue().setSystemMember(record));
+    if (!known)
+        LOG4CPLUS_INFO(logger(), "Member " << record.id() << " \"" << record.name() << "\" at " << record.host()
+                                           << " appeared");
+    m_members->rowsSetById(row);
+    if (!m_expiryTimer.isActive())
+        armExpiry();
+}
+
+void Discovery::armExpiry()
+{
+    if (m_lastSeen.isEmpty()) {
+        m_expiryTimer.stop();
+        return;
+    }
+    qint64 earliest = std::numeric_limits<qint64>::max();
+    for (auto it = m_lastSeen.cbegin(); it != m_lastSeen.cend(); ++it)
+        earliest = qMin(earliest, it.value());
+    const qint64 deadline = earliest + qint64(MissedPeriods) * m_options.periodMs;
+    m_expiryTimer.start(static_cast<int>(qMax<qint64>(0, deadline - m_clock.elapsed()) + 1));
+}
+
+void Discovery::on_expiryTimer_timeout()
+{
+    const qint64 now = m_clock.elapsed();
+    const qint64 silence = qint64(MissedPeriods) * m_options.periodMs;
+    for (auto it = m_lastSeen.begin(); it != m_lastSeen.end();) {
+        if (now - it.value() > silence) {
+            const QString id = it.key();
+            it = m_lastSeen.erase(it);
+            LOG4CPLUS_INFO(logger(), "Member " << id << " silent for " << MissedPeriods << " periods; removed");
+            m_members->rowsRemoveById(id);
+        } else {
+            ++it;
+        }
+    }
+    armExpiry();
+}
+
+void Discovery::on_periodTimer_timeout()
+{
+    m_warnedThisPeriod = false;
+    announce();
+    if (!m_firstPeriodDone) {
+        m_firstPeriodDone = true;
+        m_members->setLoading(false);
+    }
+    if (m_stats != m_lastReportedStats) {
+        m_lastReportedStats = m_stats;
+        Q_EMIT statsChanged(m_stats);
+    }
+}

@@ -1,0 +1,106 @@
+#include "HostDaemon.h"
+
+#include <QHostInfo>
+
+#include "CMRootWorker.h"
+#include "ControlApi.h"
+#include "Discovery.h"
+#include "HostWorker.h"
+#include "TarvConnect.h"
+#include "TarvLog.h"
+#include "TarvPaths.h"
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return TarvLog::logger("HostDaemon");
+}
+
+} // namespace
+
+HostDaemon::HostDaemon(const HostConfig& config, QObject* parent)
+    : QObject(parent), m_config(config), m_store(config.dataDir())
+{
+}
+
+HostDaemon::~HostDaemon()
+{
+    stop();
+}
+
+bool HostDaemon::start(QString* error)
+{
+    if (!m_store.open(error))
+        return false;
+    LOG4CPLUS_INFO(logger(), "Data directory " << m_store.dataDir());
+
+    QString id = m_config.id();
+    if (id.isEmpty()) {
+        id = m_store.loadOrCreateId(error);
+        if (id.isEmpty())
+            return false;
+    }
+
+    QVariantHash persisted;
+    QString report;
+    if (m_store.load(&HostWorker::checkPersisted, &persisted, &report) == HostSettingsStore::LoadResult::Failed) {
+        *error = report;
+        return false;
+    }
+
+    // Never deleted: the modules' objects watch its nodes until the process
+    // ends (see stop()).
+    m_worker = new HostWorker(m_config, id, persisted, &m_store);
+
+    TarvSetRequestPort(m_config.requestPort());
+    for (const QString& module : m_config.modules()) {
+        if (!m_modules.load(module, m_config.moduleSettings(), CMRoot(), error))
+            return false;
+    }
+
+    Discovery::Options discoveryOptions;
+    discoveryOptions.group = m_config.discoveryGroup();
+    discoveryOptions.port = m_config.discoveryPort();
+    discoveryOptions.interfaceAddress = m_config.address();
+    discoveryOptions.periodMs = m_config.discoveryMs();
+    m_discovery = new Discovery(m_worker->membersNode(), discoveryOptions, this);
+    tarvConnect(m_worker, &HostWorker::recordChanged, m_discovery, &Discovery::setOwnRecord);
+    tarvConnect(m_discovery, &Discovery::statsChanged, m_worker, &HostWorker::setDiscoveryStats);
+    m_discovery->setOwnRecord(m_worker->record());
+    m_worker->setDiscoveryStats(m_discovery->stats());
+    QString discoveryError;
+    m_discovery->start(&discoveryError);
+
+    ControlApi::Options apiOptions;
+    apiOptions.address = m_config.apiAddress();
+    apiOptions.port = m_config.apiPort();
+    apiOptions.allowedHosts << m_config.hostName() << QHostInfo::localHostName();
+    if (!QHostInfo::localDomainName().isEmpty())
+        apiOptions.allowedHosts << QHostInfo::localHostName() + QLatin1Char('.') + QHostInfo::localDomainName();
+    apiOptions.version = QStringLiteral(TARV_HOST_VERSION);
+    m_api = new ControlApi(apiOptions, this);
+    if (!m_api->start(error))
+        return false;
+    return true;
+}
+
+void HostDaemon::stop()
+{
+    if (m_api)
+        m_api->stop();
+    if (m_discovery)
+        m_discovery->stop();
+    if (m_worker && m_worker->hasUnsavedSettings())
+        m_worker->saveSettings();
+}
+
+QString HostDaemon::apiUrl() const
+{
+    return m_api ? m_api->url() : QString();
+}
+
+QString HostDaemon::id() const
+{
+    return m_worker ? m_worker->id() : QString();
+}

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include "HostConfig.h"
+#include "HostSettingsStore.h"
+#include "ModuleLoader.h"
+
+class ControlApi;
+class Discovery;
+class HostWorker;
+
+// One device's host: data directory, own values and settings, modules,
+// discovery and control API, started in that order.
+class HostDaemon : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit HostDaemon(const HostConfig& config, QObject* parent = nullptr);
+    ~HostDaemon() override;
+
+    // False with `error` for people when the device cannot run: data
+    // directory in use or unusable, a module that does not load, API
+    // address taken. A discovery failure is logged and the host runs on.
+    bool start(QString* error);
+    // Stops the API and discovery and saves unsaved settings. The host
+    // worker and the modules stay: module objects keep using the host's
+    // nodes until the process ends.
+    void stop();
+
+    QString apiUrl() const;
+    QString id() const;
+    HostWorker* worker() const { return m_worker; }
+
+private:
+    HostConfig m_config;
+    HostSettingsStore m_store;
+    ModuleLoader m_modules;
+    HostWorker* m_worker = nullptr;
+    Discovery* m_discovery = nullptr;
+    ControlApi* m_api = nullptr;
+};

@@ -1,0 +1,61 @@
+#include <csignal>
+#include <cstdio>
+
+#include <QCoreApplication>
+
+#include "HostConfig.h"
+#include "HostDaemon.h"
+#include "TarvConnect.h"
+#include "TarvLog.h"
+#include "UnixSignalWatcher.h"
+
+namespace {
+
+log4cplus::Logger logger()
+{
+    return TarvLog::logger("tarv-host");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("tarv-host"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(TARV_HOST_VERSION));
+
+    HostConfig config;
+    QString error;
+    if (!config.parse(QCoreApplication::arguments(), &error)) {
+        std::fprintf(stderr, "tarv-host: %s\nTry 'tarv-host --help'.\n", qPrintable(error));
+        return 2;
+    }
+    if (config.helpRequested()) {
+        std::fputs(qPrintable(HostConfig::helpText()), stdout);
+        return 0;
+    }
+    TarvLog::init(config.logConfig());
+
+    UnixSignalWatcher signalWatcher({SIGINT, SIGTERM});
+    tarvConnect(&signalWatcher, &UnixSignalWatcher::signalReceived, &app, [](int number) {
+        LOG4CPLUS_INFO(logger(), "Received " << (number == SIGINT ? "SIGINT" : "SIGTERM") << ", shutting down");
+        QCoreApplication::quit();
+    });
+
+    HostDaemon daemon(config);
+    if (!daemon.start(&error)) {
+        LOG4CPLUS_ERROR(logger(), "Cannot start: " << error);
+        std::fprintf(stderr, "tarv-host: %s\n", qPrintable(error));
+        daemon.stop();
+        return 1;
+    }
+    const QString ready = QStringLiteral("tarv-host ready: api %1 id %2").arg(daemon.apiUrl(), daemon.id());
+    LOG4CPLUS_INFO(logger(), ready);
+    std::fprintf(stderr, "%s\n", qPrintable(ready));
+    std::fflush(stderr);
+
+    const int code = QCoreApplication::exec();
+    daemon.stop();
+    LOG4CPLUS_INFO(logger(), "Stopped");
+    return code;
+}
