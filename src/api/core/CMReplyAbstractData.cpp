@@ -1,5 +1,7 @@
 #include "CMReplyAbstractData.h"
 
+#include <climits>
+
 #include <QDeadlineTimer>
 
 bool CMReplyAbstractData::isFinished() const
@@ -23,7 +25,9 @@ CMError CMReplyAbstractData::error() const
 bool CMReplyAbstractData::waitForFinished(unsigned long msecs) const
 {
     QMutexLocker locker(&m_mutex);
-    const QDeadlineTimer deadline = msecs == ULONG_MAX
+    // Limits a signed millisecond count cannot hold mean "no limit"; cast,
+    // they would turn negative and read as an already passed deadline.
+    const QDeadlineTimer deadline = msecs > static_cast<unsigned long>(LLONG_MAX)
         ? QDeadlineTimer(QDeadlineTimer::Forever)
         : QDeadlineTimer(static_cast<qint64>(msecs));
     while (!m_finished) {

@@ -20,8 +20,9 @@ public:
     bool hasError() const;
     CMError error() const;
 
-    // Blocks until the reply is finished or `msecs` have passed (ULONG_MAX:
-    // no limit). True when the reply is finished.
+    // Blocks until the reply is finished or `msecs` have passed (ULONG_MAX,
+    // or any limit beyond a signed 64-bit count: no limit). True when the
+    // reply is finished.
     bool waitForFinished(unsigned long msecs = ULONG_MAX) const;
 
     // Finishes with an error. No effect on a finished reply.
