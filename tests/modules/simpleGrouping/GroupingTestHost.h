@@ -113,6 +113,17 @@ inline QByteArray nextDatagram(QUdpSocket& socket, int timeoutMs = 2000)
     return payload;
 }
 
+// Reads datagrams until one starts with `prefix`, passing over repeats of
+// `repeated` (a sender's periodic "add"); anything else is returned as it is.
+inline QByteArray nextDatagramStartingWith(QUdpSocket& socket, const QByteArray& prefix, const QByteArray& repeated)
+{
+    for (;;) {
+        const QByteArray payload = nextDatagram(socket);
+        if (payload.isEmpty() || payload.startsWith(prefix) || payload != repeated)
+            return payload;
+    }
+}
+
 // Sends one receiver-link datagram to the module's listener on this machine.
 inline void sendToListener(const QByteArray& payload)
 {

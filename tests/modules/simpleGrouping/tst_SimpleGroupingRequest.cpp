@@ -326,6 +326,8 @@ private Q_SLOTS:
         QCOMPARE(m_removed->count(), 0);
 
         QTRY_COMPARE_WITH_TIMEOUT(m_removed->count(), 1, 500);
+        // Removed by the first expiry: the timer was never armed again.
+        QCOMPARE(m_log->countStartingWith(TRACE_LOG_LEVEL, "TimeoutContainer::nextTimeout : ", Container), 1);
         // Only the id is known of a receiver that fell silent.
         QCOMPARE(m_removed->at(0).at(0).value<TarvSystemMember>(), idOnly("R"));
         QCOMPARE(m_log->messages(INFO_LOG_LEVEL, Request).mid(1),
