@@ -64,6 +64,9 @@ Discovery::Discovery(CMListRowsNode* members, const Options& options, QObject* p
     for (const char* key : {receivedKey, malformedKey, oversizedKey, noIdKey, droppedKey})
         m_stats.insert(QLatin1String(key), 0);
     m_periodTimer.setInterval(m_options.periodMs);
+    // The first timeout ends the loading round; it must not come early.
+    m_periodTimer.setTimerType(Qt::PreciseTimer);
+    m_expiryTimer.setTimerType(Qt::PreciseTimer);
     m_expiryTimer.setSingleShot(true);
     tarvConnect(&m_periodTimer, &QTimer::timeout, this, &Discovery::on_periodTimer_timeout);
     tarvConnect(&m_expiryTimer, &QTimer::timeout, this, &Discovery::on_expiryTimer_timeout);

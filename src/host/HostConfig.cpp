@@ -314,7 +314,7 @@ bool HostConfig::apply(const QString& key, const QString& text, Origin origin, c
             *error = QStringLiteral("the data directory must not be empty");
             return false;
         }
-        m_dataDir = QFileInfo(resolvePath(text, baseDir)).absoluteFilePath();
+        m_dataDir = QDir::cleanPath(QFileInfo(resolvePath(text, baseDir)).absoluteFilePath());
     } else if (key == QLatin1String("api")) {
         QHostAddress address;
         if (!parseAddressPort(text, &address, &number, 0)) {

@@ -186,7 +186,7 @@ bool HostWorker::saveSettings()
     if (!m_store->save(values, &error)) {
         m_unsaved = true;
         LOG4CPLUS_ERROR(logger(), "Cannot save settings: " << error << "; they are kept in memory and saving is retried in "
-                                                           << SaveRetryMs << " ms");
+                                                           << m_retryTimer.interval() << " ms");
         m_retryTimer.start();
         return false;
     }

@@ -45,6 +45,8 @@ public:
     // the reason is logged and the save is retried later.
     bool saveSettings();
     bool hasUnsavedSettings() const { return m_unsaved; }
+    // How long a failed save waits before it is tried again (SaveRetryMs).
+    void setSaveRetryInterval(int ms) { m_retryTimer.setInterval(ms); }
 
     void setDiscoveryStats(const QVariantHash& stats);
 

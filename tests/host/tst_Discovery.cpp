@@ -1,0 +1,313 @@
+#include <memory>
+
+#include <QElapsedTimer>
+#include <QNetworkInterface>
+#include <QSignalSpy>
+#include <QUdpSocket>
+#include <QtTest>
+
+#include "CMListRowsNode.h"
+#include "CMNodes.h"
+#include "Discovery.h"
+#include "LogCapture.h"
+#include "TarvRoles.h"
+#include "TarvValue.h"
+
+namespace {
+
+// One host's discovery with a members list of its own.
+struct Peer
+{
+    Peer(const QString& id, const Discovery::Options& options)
+        : nodes(new CMNodes),
+          members(CMListRowsNode::create(nodes.get(), CMPath("/system/members"))),
+          discovery(new Discovery(members, options))
+    {
+        members->setLoading(true);
+        record.setId(id)
+            .setName(QStringLiteral("Name of ") + id)
+            .setHost(QStringLiteral("host-") + id)
+            .setIpAddress(QStringLiteral("127.0.0.1"))
+            .setTranscoder(true)
+            .setPersistentGroupMembers({})
+            .setPersistentGroupTimestamp(0);
+        discovery->setOwnRecord(record);
+    }
+
+    bool start()
+    {
+        QString error;
+        const bool started = discovery->start(&error);
+        if (!started)
+            qWarning("discovery did not start: %s", qPrintable(error));
+        return started;
+    }
+
+    TarvSystemMember memberOf(const QString& id) const
+    {
+        return members->rowsGetById(id).value().systemMember();
+    }
+
+    std::unique_ptr<CMNodes> nodes;
+    CMListRowsNode* members;
+    std::unique_ptr<Discovery> discovery;
+    TarvSystemMember record;
+};
+
+quint16 freeUdpPort()
+{
+    QUdpSocket probe;
+    probe.bind(QHostAddress(QHostAddress::LocalHost), 0);
+    return probe.localPort();
+}
+
+} // namespace
+
+class tst_Discovery : public QObject
+{
+    Q_OBJECT
+
+private:
+    Discovery::Options m_options;
+    std::unique_ptr<QUdpSocket> m_sender;
+
+    Discovery::Options options(int periodMs)
+    {
+        Discovery::Options result = m_options;
+        result.periodMs = periodMs;
+        return result;
+    }
+
+    // Sends raw bytes to the group, as a foreign program on the LAN would.
+    void sendRaw(const QByteArray& data)
+    {
+        QCOMPARE(m_sender->writeDatagram(data, m_options.group, m_options.port), qint64(data.size()));
+    }
+
+    static qint64 stat(const Peer& peer, const char* key)
+    {
+        return peer.discovery->stats().value(QLatin1String(key)).toLongLong();
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_options.group = QHostAddress(QStringLiteral("239.255.77.78"));
+        m_options.port = freeUdpPort();
+        m_options.interfaceAddress = QHostAddress::LocalHost;
+        m_sender = std::make_unique<QUdpSocket>();
+        QVERIFY(m_sender->bind(QHostAddress(QHostAddress::LocalHost), 0));
+        for (const QNetworkInterface& iface : QNetworkInterface::allInterfaces()) {
+            if (iface.flags() & QNetworkInterface::IsLoopBack)
+                m_sender->setMulticastInterface(iface);
+        }
+        m_sender->setSocketOption(QAbstractSocket::MulticastLoopbackOption, 1);
+    }
+
+    void theOwnRowIsThereBeforeAnythingIsHeard()
+    {
+        Peer a(QStringLiteral("a"), options(100));
+        QCOMPARE(a.members->rowsSize(), 1);
+        const TarvRoles row = a.members->getRowRoles(0);
+        QCOMPARE(row.id(), QStringLiteral("a"));
+        QCOMPARE(row.title().toString(), QStringLiteral("Name of a"));
+        QCOMPARE(row.type(), TarvRolesType::Unknown);
+        QCOMPARE(row.value(), TarvValue().setSystemMember(a.record));
+    }
+
+    void hostsOnOneLoopbackSeeEachOtherOnce()
+    {
+        Peer a(QStringLiteral("a"), options(100));
+        Peer b(QStringLiteral("b"), options(100));
+        QSignalSpy aRows(a.members, &CMListRowsNode::rowChanged);
+        QVERIFY(a.start());
+        QVERIFY(b.start());
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+        QTRY_COMPARE_WITH_TIMEOUT(b.members->rowsSize(), 2, 2000);
+        QCOMPARE(a.memberOf(QStringLiteral("b")), b.record);
+        QCOMPARE(b.memberOf(QStringLiteral("a")), a.record);
+        QCOMPARE(a.members->rowsGetById(QStringLiteral("b")).title().toString(), QStringLiteral("Name of b"));
+        // Hearing b again and again, and a's own announcements, change nothing.
+        const qint64 heard = stat(a, "received");
+        QTRY_VERIFY_WITH_TIMEOUT(stat(a, "received") >= heard + 6, 3000);
+        QCOMPARE(a.members->rowsSize(), 2);
+        QCOMPARE(aRows.count(), 1);
+    }
+
+    void aChangedRecordIsAnnouncedAtOnce()
+    {
+        // A period far longer than the wait below: only the immediate
+        // announcement can bring the change in time.
+        Peer a(QStringLiteral("a"), options(3000));
+        Peer b(QStringLiteral("b"), options(3000));
+        QVERIFY(b.start());
+        QVERIFY(a.start());
+        QTRY_COMPARE_WITH_TIMEOUT(b.members->rowsSize(), 2, 1000);
+        QSignalSpy bRows(b.members, &CMListRowsNode::rowChanged);
+
+        TarvSystemMember changed = a.record;
+        changed.setName(QStringLiteral("Renamed")).setTranscoder(false);
+        QElapsedTimer clock;
+        clock.start();
+        a.discovery->setOwnRecord(changed);
+        QCOMPARE(a.memberOf(QStringLiteral("a")), changed);
+        QTRY_COMPARE_WITH_TIMEOUT(b.memberOf(QStringLiteral("a")), changed, 1000);
+        QVERIFY(clock.elapsed() < 3000);
+        QCOMPARE(bRows.count(), 1);
+        const TarvRoles newRow = bRows.first().at(0).value<TarvRoles>();
+        const TarvRoles oldRow = bRows.first().at(1).value<TarvRoles>();
+        QCOMPARE(newRow.title().toString(), QStringLiteral("Renamed"));
+        QCOMPARE(oldRow.title().toString(), QStringLiteral("Name of a"));
+    }
+
+    void aSilentMemberIsRemovedAfterThreeMissedPeriods()
+    {
+        const int period = 100;
+        Peer a(QStringLiteral("a"), options(period));
+        auto b = std::make_unique<Peer>(QStringLiteral("b"), options(period));
+        QVERIFY(a.start());
+        QVERIFY(b->start());
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+        // Alive for many periods: never removed.
+        QSignalSpy aRows(a.members, &CMListRowsNode::rowChanged);
+        const qint64 heard = stat(a, "received");
+        QTRY_VERIFY_WITH_TIMEOUT(stat(a, "received") >= heard + 16, 3000);
+        QCOMPARE(aRows.count(), 0);
+
+        QElapsedTimer clock;
+        b->discovery->stop();
+        clock.start();
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 1, 2000);
+        const qint64 silence = clock.elapsed();
+        // b's last announcement came at most one period before it stopped.
+        QVERIFY2(silence >= 2 * period, qPrintable(QString::number(silence)));
+        QVERIFY2(silence <= 3 * period + 300, qPrintable(QString::number(silence)));
+        QCOMPARE(aRows.count(), 1);
+        QVERIFY(aRows.first().at(0).value<TarvRoles>().isEmpty());
+        QCOMPARE(aRows.first().at(1).value<TarvRoles>().id(), QStringLiteral("b"));
+        QCOMPARE(a.members->getRowRoles(0).id(), QStringLiteral("a"));
+
+        // Back again: added again.
+        QVERIFY(b->start());
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+    }
+
+    void loadingEndsAfterTheFirstFullPeriod()
+    {
+        const int period = 300;
+        Peer a(QStringLiteral("a"), options(period));
+        QSignalSpy loading(a.members, &CMListRowsNode::loadingChanged);
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(a.start());
+        QVERIFY(a.members->isLoading());
+        QTRY_COMPARE_WITH_TIMEOUT(loading.count(), 1, 2000);
+        QVERIFY2(clock.elapsed() >= period - 1, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(loading.first().first().toBool(), false);
+        QVERIFY(!a.members->isLoading());
+    }
+
+    void anAnnouncementWithoutAddressGetsTheSendersAddress()
+    {
+        Peer a(QStringLiteral("a"), options(100));
+        QVERIFY(a.start());
+        sendRaw(R"({"systemMember": {"id": "c", "name": "C", "host": "c.local", "transcoder": true}})");
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+        const TarvSystemMember c = a.memberOf(QStringLiteral("c"));
+        QCOMPARE(c.ipAddress(), QStringLiteral("127.0.0.1"));
+        QCOMPARE(c.name(), QStringLiteral("C"));
+        QCOMPARE(c.transcoder(), true);
+        QCOMPARE(c.persistentGroupTimestamp(), qint64(0));
+    }
+
+    void badAnnouncementsAreDroppedAndCounted_data()
+    {
+        QTest::addColumn<QByteArray>("datagram");
+        QTest::addColumn<QString>("counter");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("oversized")
+            << (QByteArray(R"({"systemMember": {"id": "big", "name": ")") + QByteArray(9000, 'x') + "\"}}")
+            << "oversized" << "%1 bytes, more than 8192";
+        QTest::newRow("not json") << QByteArray("hello") << "malformed" << "not JSON (illegal value)";
+        QTest::newRow("array") << QByteArray("[1, 2]") << "malformed" << R"(not a {"systemMember": {...}} object)";
+        QTest::newRow("other view") << QByteArray(R"({"string_": "x"})") << "malformed"
+                                    << R"(not a {"systemMember": {...}} object)";
+        QTest::newRow("member not object") << QByteArray(R"({"systemMember": 5})") << "malformed"
+                                           << R"(not a {"systemMember": {...}} object)";
+        QTest::newRow("id a number") << QByteArray(R"({"systemMember": {"id": 7}})") << "malformed"
+                                     << R"("id" is not text)";
+        QTest::newRow("transcoder text") << QByteArray(R"({"systemMember": {"id": "x", "transcoder": "yes"}})")
+                                         << "malformed" << R"("transcoder" is not true or false)";
+        QTest::newRow("members not ids")
+            << QByteArray(R"({"systemMember": {"id": "x", "persistentGroupMembers": [1]}})") << "malformed"
+            << R"("persistentGroupMembers" holds something other than ids)";
+        QTest::newRow("no id") << QByteArray(R"({"systemMember": {"name": "anonymous"}})") << "noId"
+                               << "no device id";
+        QTest::newRow("empty id") << QByteArray(R"({"systemMember": {"id": ""}})") << "noId" << "no device id";
+    }
+
+    void badAnnouncementsAreDroppedAndCounted()
+    {
+        QFETCH(QByteArray, datagram);
+        QFETCH(QString, counter);
+        QFETCH(QString, reason);
+        if (reason.contains(QLatin1String("%1")))
+            reason = reason.arg(datagram.size());
+        Peer a(QStringLiteral("a"), options(5000));
+        QVERIFY(a.start());
+        LogCapture log;
+        QSignalSpy stats(a.discovery.get(), &Discovery::statsChanged);
+        QSignalSpy rows(a.members, &CMListRowsNode::rowChanged);
+        sendRaw(datagram);
+        QTRY_COMPARE_WITH_TIMEOUT(stats.count(), 1, 2000);
+        const QVariantHash counted = stats.first().first().toHash();
+        QCOMPARE(counted.value(counter).toInt(), 1);
+        QCOMPARE(counted.value(QStringLiteral("dropped")).toInt(), 1);
+        QCOMPARE(a.discovery->stats(), counted);
+        QCOMPARE(log.count(log4cplus::WARN_LOG_LEVEL,
+                           QStringLiteral("Dropped discovery announcement from 127.0.0.1: ") + reason,
+                           QStringLiteral("Discovery")),
+                 1);
+        // A good announcement after the bad one still gets through.
+        sendRaw(R"({"systemMember": {"id": "good"}})");
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+        QCOMPARE(rows.count(), 1);
+        QCOMPARE(a.members->getRowRoles(1).id(), QStringLiteral("good"));
+    }
+
+    void aFloodOfJunkWarnsOncePerPeriod()
+    {
+        Peer a(QStringLiteral("a"), options(5000));
+        QVERIFY(a.start());
+        LogCapture log;
+        for (int i = 0; i < 5; ++i)
+            sendRaw("junk");
+        QTRY_COMPARE_WITH_TIMEOUT(stat(a, "malformed"), qint64(5), 2000);
+        QCOMPARE(log.countStartingWith(log4cplus::WARN_LOG_LEVEL, QStringLiteral("Dropped discovery announcement"),
+                                       QStringLiteral("Discovery")),
+                 1);
+        QCOMPARE(log.countStartingWith(log4cplus::DEBUG_LOG_LEVEL, QStringLiteral("Dropped discovery announcement"),
+                                       QStringLiteral("Discovery")),
+                 4);
+        QCOMPARE(stat(a, "dropped"), qint64(5));
+    }
+
+    void anAddressOnNoInterfaceIsAClearErrorAndLoadingStillEnds()
+    {
+        Discovery::Options bad = options(100);
+        bad.interfaceAddress = QHostAddress(QStringLiteral("192.0.2.254"));
+        Peer a(QStringLiteral("a"), bad);
+        LogCapture log;
+        QString error;
+        QVERIFY(!a.discovery->start(&error));
+        QCOMPARE(error, QStringLiteral("no network interface has the address 192.0.2.254"));
+        QCOMPARE(log.count(log4cplus::ERROR_LOG_LEVEL, QStringLiteral("Discovery is off: ") + error,
+                           QStringLiteral("Discovery")),
+                 1);
+        QTRY_VERIFY_WITH_TIMEOUT(!a.members->isLoading(), 2000);
+        QCOMPARE(a.members->rowsSize(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_Discovery)
+#include "tst_Discovery.moc"
