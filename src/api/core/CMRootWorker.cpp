@@ -64,15 +64,22 @@ CMVoidReply CMRootWorker::invoke(const CMPath& path, const TarvHash& value, cons
         reply.setError(CMError(TrString(reason + path.toString())));
         return CMVoidReply(reply.data());
     }
-    const CMSetDataRequest request(path, value.toVariant(), reply);
-    QPointer<CMActivateNode> target(action);
+    // Qt drops a queued call whose context object is deleted before it runs,
+    // and with it the request. A request still held when its holder is let
+    // go was never delivered: fail it instead of letting it finish silently.
+    const QSharedPointer<CMSetDataRequest> pending(
+        new CMSetDataRequest(path, value.toVariant(), reply), [](CMSetDataRequest* undelivered) {
+            if (!undelivered->isEmpty())
+                undelivered->setError(
+                    CMError(TrString(QStringLiteral("Action removed: ") + undelivered->path().toString())));
+            delete undelivered;
+        });
     QMetaObject::invokeMethod(
         action,
-        [target, request] {
-            if (target)
-                target->activate(request);
-            else
-                request.setError(CMError(TrString(QStringLiteral("Action removed: ") + request.path().toString())));
+        [action, pending] {
+            const CMSetDataRequest request = *pending;
+            *pending = CMSetDataRequest();
+            action->activate(request);
         },
         Qt::QueuedConnection);
     return CMVoidReply(reply.data());
