@@ -1,0 +1,601 @@
+#include <chrono>
+#include <future>
+#include <memory>
+#include <mutex>
+
+#include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QUrl>
+#include <QtTest>
+
+#include <httplib.h>
+
+#include "CMActivateNode.h"
+#include "CMListRowsNode.h"
+#include "CMNodes.h"
+#include "CMRootWorker.h"
+#include "ControlApi.h"
+#include "EventStream.h"
+#include "HostConfig.h"
+#include "HostWorker.h"
+#include "LogCapture.h"
+#include "TarvPaths.h"
+#include "TarvValue.h"
+
+namespace {
+
+struct Answer
+{
+    int status = 0;
+    std::string body;
+    httplib::Headers headers;
+
+    QJsonObject json() const { return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object(); }
+    QJsonObject error() const { return json().value(QStringLiteral("error")).toObject(); }
+    QString message() const { return error().value(QStringLiteral("message")).toString(); }
+    std::string header(const char* name) const
+    {
+        const auto it = headers.find(name);
+        return it == headers.end() ? std::string() : it->second;
+    }
+};
+
+std::string query(const char* endpoint, const QString& path)
+{
+    return std::string(endpoint) + "?path=" + QUrl::toPercentEncoding(path).toStdString();
+}
+
+QJsonValue parse(const char* json)
+{
+    return QJsonDocument::fromJson(QByteArray("[") + json + "]").array().first();
+}
+
+} // namespace
+
+// Serves the test's action nodes.
+class Handlers : public QObject
+{
+    Q_OBJECT
+
+public:
+    QList<CMSetDataRequest> held;
+    QVariant lastValue;
+
+public Q_SLOTS:
+    void echo(const CMSetDataRequest& request)
+    {
+        lastValue = request.value();
+        request.setResult(request.value());
+    }
+    void refuse(const CMSetDataRequest& request)
+    {
+        CMError error;
+        error.setName(QStringLiteral("TestRefusal")).setTitle(QStringLiteral("Refused")).setMessage(QStringLiteral("The test says no"));
+        request.setError(error);
+    }
+    void hold(const CMSetDataRequest& request) { held.append(request); }
+    void answerTrue(const CMSetDataRequest& request) { request.setResult(true); }
+};
+
+class tst_ControlApi : public QObject
+{
+    Q_OBJECT
+
+private:
+    std::unique_ptr<HostWorker> m_host;
+    std::unique_ptr<CMNodes> m_nodes;
+    Handlers m_handlers;
+    CMListRowsNode* m_list = nullptr;
+    std::unique_ptr<ControlApi> m_api;
+
+    static ControlApi::Options apiOptions()
+    {
+        ControlApi::Options options;
+        options.address = QHostAddress(QHostAddress::LocalHost);
+        options.port = 0;
+        options.allowedHosts << QStringLiteral("tarv-test.local");
+        options.version = QStringLiteral("9.8.7");
+        return options;
+    }
+
+    // The API hands its work to this thread's event loop, so the client runs
+    // in a thread of its own while this one keeps the loop turning.
+    static Answer request(quint16 port, const std::string& method, const std::string& target,
+                          const std::string& body = std::string(), const httplib::Headers& headers = {})
+    {
+        auto future = std::async(std::launch::async, [=] {
+            httplib::Client client("127.0.0.1", port);
+            client.set_read_timeout(15);
+            httplib::Request req;
+            req.method = method;
+            req.path = target;
+            req.headers = headers;
+            req.body = body;
+            if (!body.empty())
+                req.set_header("Content-Type", "application/json");
+            Answer answer;
+            if (auto result = client.send(req)) {
+                answer.status = result->status;
+                answer.body = result->body;
+                answer.headers = result->headers;
+            } else {
+                answer.status = -static_cast<int>(result.error());
+            }
+            return answer;
+        });
+        const QDeadlineTimer deadline(20000);
+        while (future.wait_for(std::chrono::milliseconds(2)) != std::future_status::ready && !deadline.hasExpired())
+            QCoreApplication::processEvents();
+        return future.get();
+    }
+
+    Answer call(const std::string& method, const std::string& target, const std::string& body = std::string(),
+                const httplib::Headers& headers = {})
+    {
+        return request(m_api->port(), method, target, body, headers);
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        HostConfig config;
+        QString error;
+        QVERIFY(config.parse({"tarv-host", "--name", "Kitchen", "--host-name", "tarv-test.local", "--address",
+                              "127.0.0.1"},
+                             &error));
+        m_host = std::make_unique<HostWorker>(config, QStringLiteral("dev-1"), QVariantHash(), nullptr);
+        m_nodes = std::make_unique<CMNodes>();
+        CMActivateNode::create(m_nodes.get(), CMPath("/test/echo"))->setInvoke(&m_handlers, &Handlers::echo);
+        CMActivateNode::create(m_nodes.get(), CMPath("/test/refuse"))->setInvoke(&m_handlers, &Handlers::refuse);
+        CMActivateNode::create(m_nodes.get(), CMPath("/test/hold"))->setInvoke(&m_handlers, &Handlers::hold);
+        CMActivateNode::create(m_nodes.get(), CMPath("/test/unbound"));
+        m_list = CMListRowsNode::create(m_nodes.get(), CMPath("/test/list"));
+        m_list->setTitle(TrString("Test list"));
+        m_list->rowsAppend(TarvRoles().setId(QStringLiteral("r1")).setTitle(QStringLiteral("Row one")).setType(TarvRolesType::Follower));
+        m_api = std::make_unique<ControlApi>(apiOptions());
+        QVERIFY2(m_api->start(&error), qPrintable(error));
+        QVERIFY(m_api->port() != 0);
+        QCOMPARE(m_api->url(), QStringLiteral("http://127.0.0.1:%1").arg(m_api->port()));
+    }
+
+    void cleanupTestCase()
+    {
+        m_api->stop();
+        m_handlers.held.clear();
+    }
+
+    void hostDescribesThisDevice()
+    {
+        const Answer answer = call("GET", "/api/v1/host");
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(answer.header("Content-Type"), std::string("application/json; charset=utf-8"));
+        QJsonObject expected;
+        expected.insert("id", "dev-1");
+        expected.insert("name", "Kitchen");
+        expected.insert("host", "tarv-test.local");
+        expected.insert("address", "127.0.0.1");
+        expected.insert("requestPort", TarvRequestPort());
+        expected.insert("version", "9.8.7");
+        QCOMPARE(answer.json(), expected);
+    }
+
+    void aValueIsReadByPath()
+    {
+        const Answer answer = call("GET", query("/api/v1/value", "/settings//device/name/"));
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(answer.json(), parse(R"({"path": "/settings/device/name", "value": {"string_": "Kitchen"}})").toObject());
+    }
+
+    void badReadsAreExplained_data()
+    {
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("no path") << "/api/v1/value" << 400 << "BadRequest"
+                                 << "The query parameter 'path' is missing, e.g. ?path=/settings/device/name";
+        QTest::newRow("not a path") << "/api/v1/value?path=settings" << 400 << "BadRequest"
+                                    << "'settings' is not a path; paths start with /, e.g. /settings/device/name";
+        QTest::newRow("root") << "/api/v1/value?path=/" << 400 << "BadRequest"
+                              << "'/' is not a path; paths start with /, e.g. /settings/device/name";
+        QTest::newRow("unknown") << "/api/v1/value?path=/no/such" << 404 << "NotFound" << "No value at /no/such";
+        QTest::newRow("a list") << "/api/v1/value?path=/test/list" << 404 << "NotFound"
+                                << "/test/list is a list node, not a value; read it with GET /api/v1/rows?path=/test/list";
+        QTest::newRow("an action") << "/api/v1/value?path=/test/echo" << 404 << "NotFound"
+                                   << "/test/echo is a action node, not a value";
+    }
+
+    void badReadsAreExplained()
+    {
+        QFETCH(QString, target);
+        QFETCH(int, status);
+        QFETCH(QString, name);
+        QFETCH(QString, message);
+        const Answer answer = call("GET", target.toStdString());
+        QCOMPARE(answer.status, status);
+        QCOMPARE(answer.error().value("name").toString(), name);
+        QVERIFY(!answer.error().value("title").toString().isEmpty());
+        QCOMPARE(answer.message(), message);
+    }
+
+    void aValueIsWrittenAndReadBack()
+    {
+        const Answer answer = call("PUT", query("/api/v1/value", "/settings/device/name"), R"({"string_": "Living room"})");
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(answer.json(), parse(R"({"path": "/settings/device/name", "value": {"string_": "Living room"}})").toObject());
+        QCOMPARE(TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_(), QStringLiteral("Living room"));
+        // The own record follows, and the host endpoint shows the new name.
+        QCOMPARE(m_host->record().name(), QStringLiteral("Living room"));
+        QCOMPARE(call("GET", "/api/v1/host").json().value("name").toString(), QStringLiteral("Living room"));
+        QCOMPARE(call("PUT", query("/api/v1/value", "/settings/device/name"), R"({"string_": "Kitchen"})").status, 200);
+    }
+
+    void badWritesAreExplainedAndChangeNothing_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("body");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("malformed")
+            << "/settings/device/name" << R"({"string_": )" << 400
+            << "The request body is not valid JSON (at byte 12: unterminated object); it must be one JSON object";
+        QTest::newRow("bare text") << "/settings/device/name" << R"("Kitchen")" << 400
+                                   << "The request body is not valid JSON (at byte 1: illegal value); it must be one JSON object";
+        QTest::newRow("array") << "/settings/device/name" << "[1]" << 400
+                               << R"(The request body must be one JSON object, e.g. {"string_": "Kitchen"})";
+        QTest::newRow("empty") << "/settings/device/name" << "" << 400
+                               << "PUT needs the new value as a JSON object in the body";
+        QTest::newRow("wrong type")
+            << "/settings/streaming/stopTimeout" << R"({"i32_": "soon"})" << 422
+            << R"(/settings/streaming/stopTimeout takes {"i32_": <milliseconds from 1 to 3600000>}; got {"i32_":"soon"})";
+        QTest::newRow("read-only")
+            << "/system/member/id" << R"({"string_": "x"})" << 422
+            << "/system/member/id is read-only: the device id is set when the host starts (--id)";
+        QTest::newRow("unknown") << "/no/such" << R"({"string_": "x"})" << 404 << "No value at /no/such";
+        QTest::newRow("a list") << "/test/list" << R"({"string_": "x"})" << 404 << "/test/list is a list node, not a value";
+    }
+
+    void badWritesAreExplainedAndChangeNothing()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, body);
+        QFETCH(int, status);
+        QFETCH(QString, message);
+        const QVariant before = CMRoot()->getValue(CMPath(path));
+        const Answer answer = call("PUT", query("/api/v1/value", path), body.toStdString());
+        QCOMPARE(answer.status, status);
+        QCOMPARE(answer.message(), message);
+        QCOMPARE(CMRoot()->getValue(CMPath(path)), before);
+    }
+
+    void anActionAnswersWithItsResult()
+    {
+        const Answer answer = call("POST", query("/api/v1/invoke", "/test/echo"), R"({"command": 1, "master": {"id": "b"}})");
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(answer.json(), parse(R"({"result": {"command": 1, "master": {"id": "b"}}})").toObject());
+        QCOMPARE(m_handlers.lastValue.toHash().value("master").toHash().value("id").toString(), QStringLiteral("b"));
+        // No body is an empty value.
+        const Answer empty = call("POST", query("/api/v1/invoke", "/test/echo"));
+        QCOMPARE(empty.status, 200);
+        QCOMPARE(empty.json(), parse(R"({"result": {}})").toObject());
+    }
+
+    void anActionsRefusalCarriesItsError()
+    {
+        const Answer answer = call("POST", query("/api/v1/invoke", "/test/refuse"), "{}");
+        QCOMPARE(answer.status, 422);
+        QCOMPARE(answer.json(),
+                 parse(R"({"error": {"name": "TestRefusal", "title": "Refused", "message": "The test says no"}})").toObject());
+        const Answer unbound = call("POST", query("/api/v1/invoke", "/test/unbound"), "{}");
+        QCOMPARE(unbound.status, 422);
+        QCOMPARE(unbound.message(), QStringLiteral("No handler for /test/unbound"));
+    }
+
+    void anActionThatDoesNotAnswerTimesOut()
+    {
+        QElapsedTimer clock;
+        clock.start();
+        const Answer answer = call("POST", query("/api/v1/invoke", "/test/hold") + "&timeout_ms=200", "{}");
+        QCOMPARE(answer.status, 504);
+        QCOMPARE(answer.error().value("name").toString(), QStringLiteral("Timeout"));
+        QCOMPARE(answer.message(), QStringLiteral("The action at /test/hold did not answer within 200 ms"));
+        QVERIFY(clock.elapsed() >= 200);
+        QVERIFY(clock.elapsed() < 3000);
+        QCOMPARE(m_handlers.held.size(), 1);
+        m_handlers.held.clear();
+    }
+
+    void badInvocationsAreExplained_data()
+    {
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("body");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("unknown") << "/api/v1/invoke?path=/no/such" << "{}" << 404 << "No action at /no/such";
+        QTest::newRow("a value") << "/api/v1/invoke?path=/settings/device/name" << "{}" << 404
+                                 << "No action at /settings/device/name";
+        QTest::newRow("a list") << "/api/v1/invoke?path=/test/list" << "{}" << 404 << "/test/list is a list node, not an action";
+        QTest::newRow("malformed") << "/api/v1/invoke?path=/test/echo" << "{" << 400
+                                   << "The request body is not valid JSON (at byte 1: unterminated object); it must be one JSON object";
+        QTest::newRow("timeout text") << "/api/v1/invoke?path=/test/echo&timeout_ms=soon" << "{}" << 400
+                                      << "timeout_ms must be a whole number of milliseconds from 1 to 60000";
+        QTest::newRow("timeout zero") << "/api/v1/invoke?path=/test/echo&timeout_ms=0" << "{}" << 400
+                                      << "timeout_ms must be a whole number of milliseconds from 1 to 60000";
+        QTest::newRow("timeout huge") << "/api/v1/invoke?path=/test/echo&timeout_ms=60001" << "{}" << 400
+                                      << "timeout_ms must be a whole number of milliseconds from 1 to 60000";
+        QTest::newRow("no path") << "/api/v1/invoke" << "{}" << 400
+                                 << "The query parameter 'path' is missing, e.g. ?path=/settings/device/name";
+    }
+
+    void badInvocationsAreExplained()
+    {
+        QFETCH(QString, target);
+        QFETCH(QString, body);
+        QFETCH(int, status);
+        QFETCH(QString, message);
+        const Answer answer = call("POST", target.toStdString(), body.toStdString());
+        QCOMPARE(answer.status, status);
+        QCOMPARE(answer.message(), message);
+    }
+
+    void rowsAreListedWithTheListsTitle()
+    {
+        const Answer answer = call("GET", query("/api/v1/rows", "/test/list"));
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(answer.json(), parse(R"({"path": "/test/list", "title": "Test list", "loading": false,
+                                          "rows": [{"id": "r1", "title": "Row one", "type": 6}]})")
+                                    .toObject());
+        const Answer members = call("GET", query("/api/v1/rows", "/system/members"));
+        QCOMPARE(members.status, 200);
+        QCOMPARE(members.json().value("loading").toBool(), true);
+        QCOMPARE(members.json().value("title").toString(), QStringLiteral("SystemMembers"));
+    }
+
+    void badRowRequestsAreExplained_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("unknown") << "/no/such" << "No list at /no/such";
+        QTest::newRow("a value") << "/settings/device/name"
+                                 << "/settings/device/name is a value, not a list; read it with GET "
+                                    "/api/v1/value?path=/settings/device/name";
+        QTest::newRow("an action") << "/test/echo" << "/test/echo is a action node, not a list";
+    }
+
+    void badRowRequestsAreExplained()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, message);
+        const Answer answer = call("GET", query("/api/v1/rows", path));
+        QCOMPARE(answer.status, 404);
+        QCOMPARE(answer.message(), message);
+    }
+
+    void theTreeListsEveryNodeAndValue()
+    {
+        const Answer answer = call("GET", "/api/v1/tree");
+        QCOMPARE(answer.status, 200);
+        const QJsonArray nodes = answer.json().value("nodes").toArray();
+        QStringList paths;
+        for (const QJsonValue& node : nodes)
+            paths << node.toObject().value("path").toString();
+        QCOMPARE(paths, QStringList({"/system/members", "/test/echo", "/test/hold", "/test/list", "/test/refuse", "/test/unbound"}));
+        QCOMPARE(nodes.at(1).toObject(), parse(R"({"path": "/test/echo", "kind": "action", "title": ""})").toObject());
+        QCOMPARE(nodes.at(3).toObject(),
+                 parse(R"({"path": "/test/list", "kind": "list", "title": "Test list", "loading": false,
+                           "rows": [{"id": "r1", "title": "Row one", "type": 6}]})")
+                     .toObject());
+        const QJsonArray values = answer.json().value("values").toArray();
+        QStringList valuePaths;
+        for (const QJsonValue& value : values)
+            valuePaths << value.toString();
+        QCOMPARE(valuePaths, QStringList({"/player/data", "/settings/device/name", "/settings/grouping/persistentGroup",
+                                          "/settings/streaming/requestTimeout", "/settings/streaming/stopTimeout",
+                                          "/system/deviceState", "/system/discovery/stats", "/system/member",
+                                          "/system/member/id"}));
+    }
+
+    void theEventStreamCarriesValueAndRowChanges()
+    {
+        struct Received
+        {
+            std::mutex mutex;
+            std::string text;
+            bool stop = false;
+        };
+        auto received = std::make_shared<Received>();
+        const quint16 port = m_api->port();
+        auto stream = std::async(std::launch::async, [port, received] {
+            httplib::Client client("127.0.0.1", port);
+            client.set_read_timeout(15);
+            auto result = client.Get("/api/v1/events", [received](const char* data, size_t length) {
+                std::lock_guard<std::mutex> locker(received->mutex);
+                received->text.append(data, length);
+                return !received->stop;
+            });
+            return result ? result->get_header_value("Content-Type") : std::string("failed");
+        });
+        const auto text = [received] {
+            std::lock_guard<std::mutex> locker(received->mutex);
+            return QString::fromStdString(received->text);
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(text().startsWith(": tarv-host events\n\n"), 5000);
+
+        QCOMPARE(call("PUT", query("/api/v1/value", "/player/data"), R"({"state": 7})").status, 200);
+        QTRY_VERIFY_WITH_TIMEOUT(text().contains("event: value\ndata: {\"path\":\"/player/data\",\"value\":{\"state\":7}}\n\n"), 5000);
+
+        m_list->rowsSetById(TarvRoles().setId(QStringLiteral("r2")).setTitle(QStringLiteral("Row two")));
+        QTRY_VERIFY_WITH_TIMEOUT(text().contains("event: rows\ndata: "), 5000);
+        const QString rows = text().mid(text().indexOf("event: rows\ndata: ") + 18).section('\n', 0, 0);
+        QCOMPARE(QJsonDocument::fromJson(rows.toUtf8()).object(),
+                 parse(R"({"path": "/test/list", "new": {"id": "r2", "title": "Row two"}, "old": {}})").toObject());
+        m_list->rowsRemoveById(QStringLiteral("r2"));
+
+        {
+            std::lock_guard<std::mutex> locker(received->mutex);
+            received->stop = true;
+        }
+        // Any further event ends the client's stream.
+        QCOMPARE(call("PUT", query("/api/v1/value", "/player/data"), R"({"state": 0})").status, 200);
+        QVERIFY(stream.wait_for(std::chrono::seconds(5)) == std::future_status::ready);
+    }
+
+    void wrongMethodsAreRefused_data()
+    {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("allowed");
+        QTest::newRow("delete value") << "DELETE" << "/api/v1/value?path=/player/data" << "GET, PUT";
+        QTest::newRow("post value") << "POST" << "/api/v1/value?path=/player/data" << "GET, PUT";
+        QTest::newRow("post host") << "POST" << "/api/v1/host" << "GET";
+        QTest::newRow("get invoke") << "GET" << "/api/v1/invoke?path=/test/echo" << "POST";
+        QTest::newRow("put tree") << "PUT" << "/api/v1/tree" << "GET";
+        QTest::newRow("patch rows") << "PATCH" << "/api/v1/rows?path=/test/list" << "GET";
+    }
+
+    void wrongMethodsAreRefused()
+    {
+        QFETCH(QString, method);
+        QFETCH(QString, target);
+        QFETCH(QString, allowed);
+        const Answer answer = call(method.toStdString(), target.toStdString(), "{}");
+        QCOMPARE(answer.status, 405);
+        QCOMPARE(QString::fromStdString(answer.header("Allow")), allowed);
+        QCOMPARE(answer.message(), QStringLiteral("%1 does not take %2; use %3")
+                                       .arg(target.section('?', 0, 0), method, allowed));
+    }
+
+    void anUnknownEndpointIsExplained()
+    {
+        const Answer answer = call("GET", "/api/v2/host");
+        QCOMPARE(answer.status, 404);
+        QCOMPARE(answer.message(), QStringLiteral("No such endpoint: GET /api/v2/host. The API is /api/v1/host, value, "
+                                                  "invoke, rows, tree and events"));
+    }
+
+    void aBodyOverTheLimitIsRefused()
+    {
+        const std::string big = "{\"string_\": \"" + std::string(ControlApi::MaxBodyBytes, 'x') + "\"}";
+        const Answer answer = call("PUT", query("/api/v1/value", "/settings/device/name"), big);
+        QCOMPARE(answer.status, 413);
+        QCOMPARE(answer.message(), QStringLiteral("The request body is larger than 65536 bytes"));
+        QCOMPARE(TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_(), QStringLiteral("Kitchen"));
+    }
+
+    void theHostHeaderMustNameThisHost_data()
+    {
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<int>("status");
+        QTest::newRow("api address") << "127.0.0.1:%1" << 200;
+        QTest::newRow("localhost") << "localhost:%1" << 200;
+        QTest::newRow("host name") << "tarv-test.local" << 200;
+        QTest::newRow("host name upper case") << "TARV-TEST.LOCAL:80" << 200;
+        QTest::newRow("host name with dot") << "tarv-test.local." << 200;
+        QTest::newRow("ipv6 loopback") << "[::1]:%1" << 200;
+        QTest::newRow("foreign name") << "evil.example" << 403;
+        QTest::newRow("foreign name with port") << "evil.example:%1" << 403;
+        QTest::newRow("lookalike") << "127.0.0.1.evil.example" << 403;
+        QTest::newRow("own name as a subdomain") << "tarv-test.local.evil.example" << 403;
+    }
+
+    void theHostHeaderMustNameThisHost()
+    {
+        QFETCH(QString, host);
+        QFETCH(int, status);
+        LogCapture log;
+        const std::string header = host.contains("%1") ? host.arg(m_api->port()).toStdString() : host.toStdString();
+        const Answer answer = call("GET", "/api/v1/host", std::string(), {{"Host", header}});
+        QCOMPARE(answer.status, status);
+        if (status == 403) {
+            QCOMPARE(answer.message(), QStringLiteral("This host does not answer to the name '%1' (Host header); use its "
+                                                      "address or host name")
+                                           .arg(QString::fromStdString(header)));
+            QCOMPARE(log.countStartingWith(log4cplus::WARN_LOG_LEVEL,
+                                           QStringLiteral("Refused a request for foreign host ") + QString::fromStdString(header),
+                                           QStringLiteral("ControlApi")),
+                     1);
+        }
+    }
+
+    void aRequestWithoutHostIsRefused()
+    {
+        const Answer answer = call("GET", "/api/v1/host", std::string(), {{"Host", ""}});
+        QCOMPARE(answer.status, 400);
+        QCOMPARE(answer.message(), QStringLiteral("The request has no Host header"));
+    }
+
+    void theWebPageIsServed()
+    {
+        const Answer answer = call("GET", "/");
+        QCOMPARE(answer.status, 200);
+        QCOMPARE(answer.header("Content-Type"), std::string("text/html; charset=utf-8"));
+        const QString page = QString::fromStdString(answer.body);
+        QVERIFY(page.contains("<title>tarv-host</title>"));
+        QVERIFY(page.contains("new EventSource(\"/api/v1/events\")"));
+        QVERIFY(page.contains("\"/grouping/request\""));
+    }
+
+    void stoppingAnswersWaitingRequestsAtOnce()
+    {
+        ControlApi api(apiOptions());
+        QString error;
+        QVERIFY2(api.start(&error), qPrintable(error));
+        const quint16 port = api.port();
+        auto waiting = std::async(std::launch::async, [port] {
+            httplib::Client client("127.0.0.1", port);
+            client.set_read_timeout(15);
+            auto result = client.Post(query("/api/v1/invoke", "/test/hold") + "&timeout_ms=60000", "{}", "application/json");
+            return result ? std::make_pair(result->status, result->body) : std::make_pair(-1, std::string());
+        });
+        QTRY_COMPARE_WITH_TIMEOUT(m_handlers.held.size(), 1, 5000);
+        QElapsedTimer clock;
+        clock.start();
+        api.stop();
+        QVERIFY(waiting.wait_for(std::chrono::seconds(5)) == std::future_status::ready);
+        QVERIFY(clock.elapsed() < 3000);
+        const auto answer = waiting.get();
+        QCOMPARE(answer.first, 503);
+        QCOMPARE(QJsonDocument::fromJson(QByteArray::fromStdString(answer.second)).object().value("error").toObject().value("message").toString(),
+                 QStringLiteral("The host is shutting down"));
+        m_handlers.held.clear();
+    }
+
+    void tooManyEventStreamsAreRefused()
+    {
+        ControlApi api(apiOptions());
+        QString error;
+        QVERIFY2(api.start(&error), qPrintable(error));
+        const quint16 port = api.port();
+        std::vector<std::future<int>> streams;
+        auto opened = std::make_shared<std::atomic<int>>(0);
+        for (int i = 0; i < EventStream::MaxSubscribers; ++i) {
+            streams.push_back(std::async(std::launch::async, [port, opened] {
+                httplib::Client client("127.0.0.1", port);
+                client.set_read_timeout(15);
+                bool counted = false;
+                auto result = client.Get("/api/v1/events", [&](const char*, size_t) {
+                    if (!counted)
+                        ++*opened;
+                    counted = true;
+                    return true;
+                });
+                return result ? result->status : -1;
+            }));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(opened->load(), EventStream::MaxSubscribers, 5000);
+        const Answer refused = request(port, "GET", "/api/v1/events");
+        QCOMPARE(refused.status, 503);
+        QCOMPARE(refused.message(), QStringLiteral("At most 16 event streams may be open at once"));
+        // Stopping ends every open stream.
+        api.stop();
+        for (auto& stream : streams) {
+            QVERIFY(stream.wait_for(std::chrono::seconds(5)) == std::future_status::ready);
+            QCOMPARE(stream.get(), 200);
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_ControlApi)
+#include "tst_ControlApi.moc"
