@@ -93,7 +93,7 @@ QString CtlArguments::usage()
         "  tarvctl set /settings/device/name --string kitchen\n"
         "  tarvctl get /system/member\n"
         "  tarvctl rows /grouping/members\n"
-        "  tarvctl invoke /grouping/request '{\"groupingRequest\": {\"command\": -1}}'\n"
+        "  tarvctl invoke /grouping/request '{\"command\": -1}'\n"
         "  tarvctl --api http://10.0.0.7:8080 watch /grouping --count 1 --timeout-ms 3000\n");
 }
 

@@ -318,6 +318,9 @@ CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, i
             wrongType = true;
             return false;
         }
+        // The host subscribes before it answers, so from here on no change is missed.
+        if (status == 200)
+            LOG4CPLUS_DEBUG(logger(), "Event stream open");
         return true;
     };
     request.content_receiver = [&](const char* data, size_t length, uint64_t, uint64_t) {

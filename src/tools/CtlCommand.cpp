@@ -226,14 +226,14 @@ CtlExitCode::Enum CtlCommand::runJoin()
         master.setHost(m_arguments.option(QStringLiteral("host")));
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return invokeGrouping(toJsonObject(TarvValue().setGroupingRequest(request)));
+    return invokeGrouping(toJsonObject(request));
 }
 
 CtlExitCode::Enum CtlCommand::runLeave()
 {
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Leave);
-    return invokeGrouping(toJsonObject(TarvValue().setGroupingRequest(request)));
+    return invokeGrouping(toJsonObject(request));
 }
 
 CtlExitCode::Enum CtlCommand::runWatch()
@@ -242,8 +242,6 @@ CtlExitCode::Enum CtlCommand::runWatch()
     const int wanted = m_arguments.count();
     int seen = 0;
     const auto onEvent = [&](const CtlEvent& event) {
-        if (!prefix.isEmpty() && !underPrefix(CtlFormatter::eventPath(event), prefix))
-            return true;
         bool wellFormed = false;
         const QString line = CtlFormatter::event(event, &wellFormed);
         if (!wellFormed) {
@@ -251,6 +249,8 @@ CtlExitCode::Enum CtlCommand::runWatch()
             m_err.flush();
             return true;
         }
+        if (!prefix.isEmpty() && !underPrefix(CtlFormatter::eventPath(event), prefix))
+            return true;
         if (m_arguments.json()) {
             QJsonValue data;
             CtlJson::parse(event.data, &data, nullptr);

@@ -41,7 +41,9 @@ private:
     CtlExitCode::Enum runJoin();
     CtlExitCode::Enum runLeave();
     CtlExitCode::Enum runWatch();
-    // Invokes a grouping request and prints the result like invoke.
+    // Invokes the grouping-request action with a grouping request record
+    // ({"command": 1, "master": {...}} or {"command": -1}, the form its
+    // handler reads) and prints the result like invoke.
     CtlExitCode::Enum invokeGrouping(const QJsonObject& value);
 
     QTextStream& m_out;

@@ -236,6 +236,8 @@ QString CtlFormatter::rows(const QJsonObject& answer)
     if (!title.isEmpty())
         heading += QStringLiteral(" \"%1\"").arg(title);
     heading += rows.size() == 1 ? QStringLiteral(": 1 row") : QStringLiteral(": %1 rows").arg(rows.size());
+    if (answer.value(QStringLiteral("loading")).toBool())
+        heading += QStringLiteral(" (still loading)");
     if (rows.isEmpty())
         return heading;
     return heading + QLatin1Char('\n') + table(rows, QString());
@@ -264,6 +266,8 @@ QString CtlFormatter::tree(const QJsonObject& answer)
         const QJsonArray rows = rowsValue.toArray();
         if (rowsValue.isArray())
             line += rows.size() == 1 ? QStringLiteral("  1 row") : QStringLiteral("  %1 rows").arg(rows.size());
+        if (node.value(QStringLiteral("loading")).toBool())
+            line += QStringLiteral(" (still loading)");
         lines.append(line);
         if (!rows.isEmpty())
             lines.append(table(rows, QStringLiteral("      ")));

@@ -23,7 +23,8 @@ public:
     static QString summary(const QJsonValue& value, int maxChars = 80);
     // A row type as number and name, e.g. "101 member".
     static QString rowType(const QJsonValue& type);
-    // `rows`: a heading line, then a table of id, type, title and value.
+    // `rows`: a heading line (path, title, row count, whether the list is
+    // still loading), then a table of id, type, title and value.
     static QString rows(const QJsonObject& answer);
     // `tree`: every node with kind, title and rows, then the value paths.
     static QString tree(const QJsonObject& answer);

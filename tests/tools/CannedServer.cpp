@@ -14,6 +14,11 @@ CannedServer::CannedServer()
     m_port = m_server.bind_to_any_port("127.0.0.1");
     // Bound before the thread starts: connections queue until it listens.
     m_thread = std::thread([this]() { m_server.listen_after_bind(); });
+    // stop() is a no-op until the loop runs; waiting here means the
+    // destructor always ends it, however short the server's life.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!m_server.is_running() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 CannedServer::~CannedServer()

@@ -368,6 +368,7 @@ void tst_CtlClient::watchDeliversEventsUntilTheCallerStops()
     QCOMPARE(events.at(0).data, QByteArray(R"({"path":"/a","value":{"i32_":1}})"));
     QCOMPARE(events.at(1).name, QString("rows"));
     QVERIFY2(elapsed.elapsed() < 3000, qPrintable(QString::number(elapsed.elapsed())));
+    QCOMPARE(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Event stream open", "CtlClient"), 1);
     QCOMPARE(server.received().value(0).path, QString("/api/v1/events"));
 }
 
@@ -398,6 +399,7 @@ void tst_CtlClient::watchReportsTheHostRefusingTheStream()
                   R"({"error":{"name":"Forbidden","title":"Forbidden","message":"Host header not accepted"}})");
     CtlClient client = clientFor(server.api());
     const CtlReply reply = client.watch([](const CtlEvent&) { return true; }, 2000);
+    QCOMPARE(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Event stream open", "CtlClient"), 0);
     QCOMPARE(reply.kind(), CtlReply::ApiError);
     QCOMPARE(reply.describe(), QString("error (HTTP 403): Forbidden: Host header not accepted"));
 }

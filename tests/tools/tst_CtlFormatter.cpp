@@ -159,6 +159,9 @@ void tst_CtlFormatter::rowsIsATable()
                                                  "a    101 member  dev1   follower dev1 -> master dev1\n"
                                                  "ui   3 path             -> /ui/grouping"));
     QCOMPARE(CtlFormatter::rows(object(R"({"path":"/x","title":"","rows":[]})")), QString("/x: 0 rows"));
+    QCOMPARE(CtlFormatter::rows(object(R"({"path":"/x","title":"","loading":true,"rows":[]})")),
+             QString("/x: 0 rows (still loading)"));
+    QCOMPARE(CtlFormatter::rows(object(R"({"path":"/x","title":"","loading":false,"rows":[]})")), QString("/x: 0 rows"));
 }
 
 void tst_CtlFormatter::rowsCopesWithMalformedRows()
@@ -178,13 +181,15 @@ void tst_CtlFormatter::treeShowsNodesRowsAndValues()
     const QJsonObject answer = object(R"({
         "nodes":[
           {"kind":"list","path":"/simpleGrouping","title":"VopGrouping","rows":[{"id":"ui","type":3,"title":"","path":"/ui/grouping","value":{}}]},
-          {"kind":"action","path":"/grouping/request","title":"","rows":[]}],
+          {"kind":"action","path":"/grouping/request","title":""},
+          {"kind":"list","path":"/system/members","title":"SystemMembers","loading":true,"rows":[]}],
         "values":["/system/member", {"path":"/settings/device/name","value":{"string_":"dev1"}}]})");
-    QCOMPARE(CtlFormatter::tree(answer), QString("nodes (2):\n"
+    QCOMPARE(CtlFormatter::tree(answer), QString("nodes (3):\n"
                                                  "  /simpleGrouping  [list]  \"VopGrouping\"  1 row\n"
                                                  "      ID  TYPE    TITLE  VALUE\n"
                                                  "      ui  3 path         -> /ui/grouping\n"
-                                                 "  /grouping/request  [action]  0 rows\n"
+                                                 "  /grouping/request  [action]\n"
+                                                 "  /system/members  [list]  \"SystemMembers\"  0 rows (still loading)\n"
                                                  "values (2):\n"
                                                  "  /system/member\n"
                                                  "  /settings/device/name = dev1"));

@@ -1,0 +1,391 @@
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QtTest>
+
+#include "LogCapture.h"
+
+#include "CannedServer.h"
+#include "CtlCommand.h"
+#include "RawTcpServer.h"
+
+namespace {
+
+// One run of the command with its output captured.
+struct Run
+{
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+Run run(const QStringList& arguments, const QString& apiFromEnvironment = QString())
+{
+    Run result;
+    QTextStream out(&result.out);
+    QTextStream err(&result.err);
+    CtlCommand command(out, err);
+    result.exitCode = command.run(arguments, apiFromEnvironment);
+    out.flush();
+    err.flush();
+    return result;
+}
+
+QJsonObject parseObject(const QString& text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError || !document.isObject())
+        return QJsonObject{{"unparsable", text}};
+    return document.object();
+}
+
+const QByteArray systemMembers = R"({"path":"/system/members","title":"SystemMembers","rows":[
+    {"id":"a","type":0,"title":"dev1","path":"","value":{"systemMember":{"id":"a","name":"dev1","host":"h1","transcoder":true}}},
+    {"id":"b","type":0,"title":"dev2","path":"","value":{"systemMember":{"id":"b","name":"dev2","host":"h2","transcoder":true}}}]})";
+
+} // namespace
+
+class tst_CtlCommand : public QObject
+{
+    Q_OBJECT
+
+private:
+    LogCapture m_log;
+
+private Q_SLOTS:
+    void init() { m_log.clear(); }
+
+    void hostPrintsTheDeviceReadably();
+    void jsonPrintsTheAnswerAsJson();
+    void getPrintsTheSingleView();
+    void setSendsTheValueAndPrintsWhatWasStored_data();
+    void setSendsTheValueAndPrintsWhatWasStored();
+    void setWithBadJsonSendsNothing();
+    void invokeSendsTheValueAndPrintsTheResult();
+    void invokeRefusedPrintsTheHostsError();
+    void leaveSendsTheLeaveCommand();
+    void joinTakesNameAndHostFromTheDeviceList();
+    void joinWithNameAndHostAsksNothingElse();
+    void joinOfAnUnknownDeviceSendsNothing();
+    void rowsPrintsATable();
+    void treePrintsNodesAndValues();
+    void watchPrintsEventsUnderThePrefixUpToTheCount();
+    void watchJsonPrintsOneObjectPerLine();
+    void watchWithTooFewEventsTimesOut();
+    void watchForADurationEndsWell();
+    void failuresEndWithTheirExitCode_data();
+    void failuresEndWithTheirExitCode();
+    void badApiUrlIsAUsageError();
+    void helpAndVersionNeedNoHost();
+};
+
+void tst_CtlCommand::hostPrintsTheDeviceReadably()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host",
+                  200, R"({"id":"a","name":"dev1","host":"h1","address":"10.0.0.1","requestPort":41230,"version":"0.1.0"})");
+    const Run result = run({"--api", server.api(), "host"});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.out, QString("id:           a\nname:         dev1\nhost:         h1\naddress:      10.0.0.1\n"
+                                 "request port: 41230\nversion:      0.1.0\n"));
+    QCOMPARE(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Running host against " + server.api(), "CtlCommand"), 1);
+}
+
+void tst_CtlCommand::jsonPrintsTheAnswerAsJson()
+{
+    CannedServer server;
+    const QByteArray body = R"({"path":"/system/member","value":{"systemMember":{"id":"a","name":"dev1"}}})";
+    server.answer("GET", "/api/v1/value", 200, body);
+    const Run result = run({"get", "/system/member", "--json"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(body).object());
+}
+
+void tst_CtlCommand::getPrintsTheSingleView()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/value", 200, R"({"path":"/settings/device/name","value":{"string_":"dev1"}})");
+    const Run result = run({"get", "/settings/device/name"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("dev1\n"));
+    QCOMPARE(server.received().value(0).params.value("path"), QString("/settings/device/name"));
+}
+
+void tst_CtlCommand::setSendsTheValueAndPrintsWhatWasStored_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("sent");
+    QTest::newRow("--string") << QStringList{"--string", "kitchen one"} << QByteArray(R"({"string_":"kitchen one"})");
+    QTest::newRow("--int") << QStringList{"--int", "-5"} << QByteArray(R"({"i32_":-5})");
+    QTest::newRow("--int=") << QStringList{"--int=6000"} << QByteArray(R"({"i32_":6000})");
+    QTest::newRow("json") << QStringList{R"({ "i32_" : 7 })"} << QByteArray(R"({"i32_":7})");
+    QTest::newRow("json record") << QStringList{R"({"playerData":{"state":1}})"}
+                                 << QByteArray(R"({"playerData":{"state":1}})");
+}
+
+void tst_CtlCommand::setSendsTheValueAndPrintsWhatWasStored()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, sent);
+    CannedServer server;
+    server.answer("PUT", "/api/v1/value", 200, R"({"path":"/p","value":)" + sent + "}");
+    const Run result = run(QStringList{"set", "/p"} + arguments, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(server.received().size(), 1);
+    QCOMPARE(server.received().first().method, QString("PUT"));
+    QCOMPARE(server.received().first().body, sent);
+    QVERIFY2(result.out.startsWith("/p = "), qPrintable(result.out));
+}
+
+void tst_CtlCommand::setWithBadJsonSendsNothing()
+{
+    CannedServer server;
+    const Run result = run({"set", "/settings/device/name", "kitchen"}, server.api());
+    QCOMPARE(result.exitCode, 2);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err, QString("tarvctl: set: VALUE is not valid JSON (illegal number at character 1): kitchen; "
+                                 "for a plain text use --string\n"));
+    QVERIFY(server.received().isEmpty());
+}
+
+void tst_CtlCommand::invokeSendsTheValueAndPrintsTheResult()
+{
+    CannedServer server;
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    Run result = run({"invoke", "/grouping/request", R"({"command":-1})", "--timeout-ms", "700"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("true\n"));
+    result = run({"invoke", "/x"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+
+    const QList<CannedServer::Received> received = server.received();
+    QCOMPARE(received.size(), 2);
+    QCOMPARE(received.at(0).body, QByteArray(R"({"command":-1})"));
+    QCOMPARE(received.at(0).params.value("timeout_ms"), QString("700"));
+    QCOMPARE(received.at(1).body, QByteArray("{}"));
+    QVERIFY(!received.at(1).params.contains("timeout_ms"));
+}
+
+void tst_CtlCommand::invokeRefusedPrintsTheHostsError()
+{
+    CannedServer server;
+    const QByteArray error = R"({"error":{"name":"Error","title":"Error","message":"valid command "}})";
+    server.answer("POST", "/api/v1/invoke", 422, error);
+    Run result = run({"invoke", "/grouping/request", R"({"command":2})"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
+
+    result = run({"invoke", "/grouping/request", R"({"command":2})", "--json"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(error).object());
+    QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
+}
+
+void tst_CtlCommand::leaveSendsTheLeaveCommand()
+{
+    CannedServer server;
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"leave"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("true\n"));
+    QCOMPARE(server.received().size(), 1);
+    QCOMPARE(server.received().first().params.value("path"), QString("/grouping/request"));
+    QCOMPARE(server.received().first().body, QByteArray(R"({"command":-1})"));
+}
+
+void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, systemMembers);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"join", "b", "--timeout-ms", "900"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    const QList<CannedServer::Received> received = server.received();
+    QCOMPARE(received.size(), 2);
+    QCOMPARE(received.at(0).params.value("path"), QString("/system/members"));
+    QCOMPARE(received.at(1).params.value("path"), QString("/grouping/request"));
+    QCOMPARE(received.at(1).params.value("timeout_ms"), QString("900"));
+    QCOMPARE(QJsonDocument::fromJson(received.at(1).body).object(),
+             QJsonDocument::fromJson(R"({"command":1,"master":{"id":"b","name":"dev2","host":"h2"}})").object());
+}
+
+void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
+{
+    CannedServer server;
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"join", "z", "--name", "far", "--host", "10.0.0.9"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(server.received().size(), 1);
+    QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
+             QJsonDocument::fromJson(R"({"command":1,"master":{"id":"z","name":"far","host":"10.0.0.9"}})").object());
+}
+
+void tst_CtlCommand::joinOfAnUnknownDeviceSendsNothing()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, systemMembers);
+    const Run result = run({"join", "nobody"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: join: no device with id 'nobody' in /system/members; give --name and "
+                                 "--host to join it anyway\n"));
+    QCOMPARE(server.received().size(), 1); // the lookup only
+}
+
+void tst_CtlCommand::rowsPrintsATable()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, systemMembers);
+    const Run result = run({"rows", "/system/members"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("/system/members \"SystemMembers\": 2 rows\n"
+                                 "ID  TYPE  TITLE  VALUE\n"
+                                 "a   0     dev1   dev1 on h1, transcoder\n"
+                                 "b   0     dev2   dev2 on h2, transcoder\n"));
+}
+
+void tst_CtlCommand::treePrintsNodesAndValues()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/tree", 200,
+                  R"({"nodes":[{"path":"/modules/simpleGrouping","kind":"list","title":"VopGrouping","loading":false,"rows":[]}],"values":["/system/member"]})");
+    const Run result = run({"tree"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("nodes (1):\n  /modules/simpleGrouping  [list]  \"VopGrouping\"  0 rows\n"
+                                 "values (1):\n  /system/member\n"));
+}
+
+void tst_CtlCommand::watchPrintsEventsUnderThePrefixUpToTheCount()
+{
+    CannedServer server;
+    server.stream("/api/v1/events",
+                  {": tarv-host events\n\n",
+                   "event: value\ndata: {\"path\":\"/system/member\",\"value\":{}}\n\n",
+                   "event: value\ndata: {\"path\":\"/settingsX\",\"value\":{\"i32_\":0}}\n\n",
+                   "event: value\ndata: not json\n\n",
+                   "event: value\ndata: {\"path\":\"/settings/a\",\"value\":{\"i32_\":1}}\n\n",
+                   "event: rows\ndata: {\"path\":\"/settings/l\",\"new\":{\"id\":\"r\",\"value\":{\"string_\":\"s\"}},\"old\":{}}\n\n",
+                   "event: value\ndata: {\"path\":\"/settings/b\",\"value\":{\"i32_\":3}}\n\n"},
+                  true);
+    const Run result = run({"watch", "/settings", "--count", "2", "--timeout-ms", "5000"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("value /settings/a = 1\nrows /settings/l added r: s\n"));
+    QCOMPARE(result.err, QString("tarvctl: ignored an event with malformed data: value (malformed data: not json)\n"));
+}
+
+void tst_CtlCommand::watchJsonPrintsOneObjectPerLine()
+{
+    CannedServer server;
+    server.stream("/api/v1/events",
+                  {"event: value\ndata: {\"path\":\"/a\",\"value\":{\"i32_\":1}}\n\n",
+                   "event: rows\ndata: {\"path\":\"/l\",\"new\":{},\"old\":{\"id\":\"x\"}}\n\n"},
+                  true);
+    const Run result = run({"watch", "--json", "--count", "2", "--timeout-ms", "5000"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    const QStringList lines = result.out.split('\n', Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 2);
+    QCOMPARE(parseObject(lines.at(0)),
+             QJsonDocument::fromJson(R"({"event":"value","data":{"path":"/a","value":{"i32_":1}}})").object());
+    QCOMPARE(parseObject(lines.at(1)),
+             QJsonDocument::fromJson(R"({"event":"rows","data":{"path":"/l","new":{},"old":{"id":"x"}}})").object());
+}
+
+void tst_CtlCommand::watchWithTooFewEventsTimesOut()
+{
+    CannedServer server;
+    server.stream("/api/v1/events", {"event: value\ndata: {\"path\":\"/a\",\"value\":{}}\n\n"}, true);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const Run result = run({"watch", "--count", "3", "--timeout-ms", "300"}, server.api());
+    QCOMPARE(result.exitCode, 4);
+    QCOMPARE(result.out, QString("value /a = \n"));
+    QCOMPARE(result.err, QString("tarvctl: timeout: 1 of 3 events within 300 ms\n"));
+    QVERIFY2(elapsed.elapsed() < 2500, qPrintable(QString::number(elapsed.elapsed())));
+}
+
+void tst_CtlCommand::watchForADurationEndsWell()
+{
+    CannedServer server;
+    server.stream("/api/v1/events", {"event: value\ndata: {\"path\":\"/a\",\"value\":{\"i32_\":2}}\n\n"}, true);
+    const Run result = run({"watch", "--timeout-ms", "300"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("value /a = 2\n"));
+    QCOMPARE(result.err, QString());
+}
+
+void tst_CtlCommand::failuresEndWithTheirExitCode_data()
+{
+    QTest::addColumn<QString>("setup");
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("err");
+    QTest::newRow("api error") << "404" << QStringList{"get", "/nope"} << 1
+                               << "tarvctl: error (HTTP 404): Not found: no such endpoint\n";
+    QTest::newRow("bad answer") << "garbage" << QStringList{"host"} << 1
+                                << "tarvctl: error: bad answer from the host: the answer to GET API/api/v1/host is not a JSON object: \"hello\"\n";
+    QTest::newRow("cannot connect") << "closed" << QStringList{"host"} << 3
+                                    << "tarvctl: error: cannot connect to API (is tarv-host running there?)\n";
+    QTest::newRow("no answer") << "hold" << QStringList{"get", "/x", "--timeout-ms", "300"} << 4
+                               << "tarvctl: timeout: no answer from API/api/v1/value?path=/x within 300 ms\n";
+    QTest::newRow("gateway timeout") << "504" << QStringList{"invoke", "/x", "--timeout-ms", "100"} << 4
+                                     << "tarvctl: timeout: the host answered 504: no reply came within the bound (no reply)\n";
+    QTest::newRow("unknown command") << "404" << QStringList{"frob"} << 2
+                                     << "tarvctl: unknown command 'frob' (see tarvctl --help)\n";
+    QTest::newRow("unknown flag") << "404" << QStringList{"host", "--fast"} << 2
+                                  << "tarvctl: unknown option '--fast' (see tarvctl --help)\n";
+    QTest::newRow("bad invoke json") << "404" << QStringList{"invoke", "/x", "{"} << 2
+                                     << "tarvctl: invoke: VALUE is not valid JSON (unterminated object at character 2): {\n";
+}
+
+void tst_CtlCommand::failuresEndWithTheirExitCode()
+{
+    QFETCH(QString, setup);
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, err);
+    CannedServer server;
+    QString api = server.api();
+    if (setup == "garbage") {
+        server.answer("GET", "/api/v1/host", 200, "hello", "text/plain");
+    } else if (setup == "closed") {
+        RawTcpServer gone{QByteArray()};
+        api = gone.api();
+    } else if (setup == "hold") {
+        server.hold("GET", "/api/v1/value");
+    } else if (setup == "504") {
+        server.answer("POST", "/api/v1/invoke", 504, R"({"error":{"name":"Timeout","title":"No answer","message":"no reply"}})");
+    }
+    const Run result = run(QStringList{"--api", api} + arguments);
+    QCOMPARE(result.exitCode, exitCode);
+    QCOMPARE(result.err, QString(err).replace("API", api));
+    if (exitCode == 2)
+        QVERIFY(server.received().isEmpty());
+}
+
+void tst_CtlCommand::badApiUrlIsAUsageError()
+{
+    Run result = run({"--api", "https://dev1", "host"});
+    QCOMPARE(result.exitCode, 2);
+    QCOMPARE(result.err, QString("tarvctl: bad API URL (from --api): 'https://dev1': only http:// is supported by the "
+                                 "control API\n"));
+    result = run({"host"}, "ftp://dev1");
+    QCOMPARE(result.exitCode, 2);
+    QCOMPARE(result.err,
+             QString("tarvctl: bad API URL (from TARV_API): 'ftp://dev1': only http:// is supported by the control API\n"));
+}
+
+void tst_CtlCommand::helpAndVersionNeedNoHost()
+{
+    Run result = run({"--help"}, "http://127.0.0.1:1");
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY(result.out.startsWith("Usage: tarvctl [options] COMMAND [arguments]\n"));
+    QCOMPARE(result.err, QString());
+    result = run({"--version"});
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, "tarvctl " + CtlCommand::version() + "\n");
+    QVERIFY(!CtlCommand::version().isEmpty() && CtlCommand::version() != "unknown");
+}
+
+QTEST_GUILESS_MAIN(tst_CtlCommand)
+#include "tst_CtlCommand.moc"
