@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QHostAddress>
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -114,14 +115,18 @@ inline QByteArray nextDatagram(QUdpSocket& socket, int timeoutMs = 2000)
 }
 
 // Reads datagrams until one starts with `prefix`, passing over repeats of
-// `repeated` (a sender's periodic "add"); anything else is returned as it is.
-inline QByteArray nextDatagramStartingWith(QUdpSocket& socket, const QByteArray& prefix, const QByteArray& repeated)
+// `repeated` (a sender's periodic "add") for at most `timeoutMs` in all;
+// anything else is returned as it is, and nothing (empty) when time is up.
+inline QByteArray nextDatagramStartingWith(QUdpSocket& socket, const QByteArray& prefix, const QByteArray& repeated,
+                                           int timeoutMs = 2000)
 {
-    for (;;) {
-        const QByteArray payload = nextDatagram(socket);
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!deadline.hasExpired()) {
+        const QByteArray payload = nextDatagram(socket, static_cast<int>(deadline.remainingTime()));
         if (payload.isEmpty() || payload.startsWith(prefix) || payload != repeated)
             return payload;
     }
+    return QByteArray();
 }
 
 // Sends one receiver-link datagram to the module's listener on this machine.
