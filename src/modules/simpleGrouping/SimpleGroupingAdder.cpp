@@ -103,6 +103,15 @@ void SimpleGroupingAdder::on_addrLookup(const QHostInfo& info)
     const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingAdder");
     LOG4CPLUS_TRACE(logger(), "Enter " << scope);
 
+    // stop() aborts the pending lookup, but Qt answers a name it has cached
+    // with an already posted result that no abort reaches. Acting on it would
+    // announce again after the goodbye.
+    if (!m_resendTimer.isActive()) {
+        LOG4CPLUS_TRACE(logger(), "Ignoring lookup result for " << info.hostName() << ": not running");
+        LOG4CPLUS_TRACE(logger(), "Leave " << scope);
+        return;
+    }
+
     // A failed lookup keeps the last known address in use.
     if (info.error() != QHostInfo::NoError) {
         LOG4CPLUS_ERROR(logger(), "Address lookup failed: " << info.errorString());

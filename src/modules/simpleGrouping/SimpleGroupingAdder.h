@@ -31,6 +31,7 @@ public:
 
 public Q_SLOTS:
     void on_timer_timeout();
+    // Ignored while stopped: a result that outran stop()'s abort is stale.
     void on_addrLookup(const QHostInfo& info);
 
 private:
