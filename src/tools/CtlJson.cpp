@@ -7,15 +7,23 @@
 
 bool CtlJson::parse(const QByteArray& text, QJsonValue* value, QString* error)
 {
-    // Wrapped in an array so that scalars parse too; offsets shift by one.
+    // Objects and arrays parse as they are, so errors point at the user's
+    // text; scalars are wrapped in an array, which shifts offsets by one.
+    const QByteArray trimmed = text.trimmed();
+    const bool container = trimmed.startsWith('{') || trimmed.startsWith('[');
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson('[' + text + ']', &parseError);
+    const QJsonDocument document = QJsonDocument::fromJson(container ? text : '[' + text + ']', &parseError);
     if (parseError.error != QJsonParseError::NoError) {
         if (error) {
-            const int at = qBound(1, parseError.offset, text.size() + 1);
+            const int at = qBound(1, parseError.offset + (container ? 1 : 0), text.size() + 1);
             *error = QStringLiteral("%1 at character %2").arg(parseError.errorString()).arg(at);
         }
         return false;
+    }
+    if (container) {
+        if (value)
+            *value = document.isObject() ? QJsonValue(document.object()) : QJsonValue(document.array());
+        return true;
     }
     const QJsonArray array = document.array();
     if (array.size() != 1) {

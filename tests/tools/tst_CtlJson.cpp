@@ -48,7 +48,7 @@ void tst_CtlJson::refusesWhatIsNotOneValue_data()
     QTest::newRow("empty") << QByteArray("") << "no JSON value";
     QTest::newRow("two values") << QByteArray("1, 2") << "more than one JSON value";
     QTest::newRow("bare word") << QByteArray("dev1") << "illegal number at character 1";
-    QTest::newRow("unterminated") << QByteArray(R"({"a": 1)") << "unterminated object at character 8";
+    QTest::newRow("unterminated") << QByteArray(R"({"a": 1)") << "invalid termination by number at character 8";
     QTest::newRow("bracket escape") << QByteArray("1]") << "garbage at the end of the document at character 3";
 }
 

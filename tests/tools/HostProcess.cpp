@@ -1,0 +1,91 @@
+#include "HostProcess.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QHostAddress>
+#include <QRegularExpression>
+#include <QThread>
+#include <QUdpSocket>
+
+HostProcess::HostProcess(const QString& binary, const QString& module, const QString& workDirectory)
+    : m_binary(binary)
+    , m_module(module)
+    , m_dataDirectory(QDir(workDirectory).filePath(QStringLiteral("data")))
+    , m_logFile(QDir(workDirectory).filePath(QStringLiteral("tarv-host.log")))
+{
+}
+
+HostProcess::~HostProcess()
+{
+    if (m_process.state() != QProcess::NotRunning) {
+        m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+}
+
+int HostProcess::freeUdpPort()
+{
+    QUdpSocket socket;
+    if (!socket.bind(QHostAddress(QHostAddress::LocalHost), 0))
+        return 0;
+    return socket.localPort();
+}
+
+QString HostProcess::output() const
+{
+    QFile file(m_logFile);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    return QString::fromUtf8(file.readAll());
+}
+
+bool HostProcess::start(const QStringList& extraArguments, QString* error, int timeoutMs)
+{
+    QFile::remove(m_logFile);
+    m_requestPort = freeUdpPort();
+    const int discoveryPort = freeUdpPort();
+    QStringList arguments{QStringLiteral("--module"), m_module,
+                          QStringLiteral("--data-dir"), m_dataDirectory,
+                          QStringLiteral("--api"), QStringLiteral("127.0.0.1:0"),
+                          QStringLiteral("--request-port"), QString::number(m_requestPort),
+                          QStringLiteral("--discovery-group"), QStringLiteral("239.255.77.77:%1").arg(discoveryPort)};
+    arguments += extraArguments;
+    m_process.setStandardOutputFile(m_logFile, QIODevice::Append);
+    m_process.setStandardErrorFile(m_logFile, QIODevice::Append);
+    m_process.start(m_binary, arguments);
+    if (!m_process.waitForStarted(5000)) {
+        *error = QStringLiteral("cannot start %1: %2").arg(m_binary, m_process.errorString());
+        return false;
+    }
+    // The ready line names the API's URL (the port was left to the host) and the id.
+    static const QRegularExpression ready(QStringLiteral("tarv-host ready: api (http://\\S+) id (\\S+)"));
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (elapsed.elapsed() < timeoutMs) {
+        const QRegularExpressionMatch match = ready.match(output());
+        if (match.hasMatch()) {
+            m_api = match.captured(1);
+            m_id = match.captured(2);
+            return true;
+        }
+        if (m_process.waitForFinished(20)) {
+            *error = QStringLiteral("tarv-host ended (exit %1) before it was ready:\n%2")
+                         .arg(m_process.exitCode())
+                         .arg(output());
+            return false;
+        }
+    }
+    *error = QStringLiteral("tarv-host not ready within %1 ms:\n%2").arg(timeoutMs).arg(output());
+    return false;
+}
+
+bool HostProcess::stop(int timeoutMs)
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return false;
+    m_process.terminate();
+    if (!m_process.waitForFinished(timeoutMs))
+        return false;
+    return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+}

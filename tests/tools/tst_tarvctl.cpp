@@ -1,0 +1,408 @@
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <memory>
+
+#include "CannedServer.h"
+#include "HostProcess.h"
+#include "RawTcpServer.h"
+
+// The tarvctl binary as users run it: against canned answers always, and
+// against a real tarv-host when the daemon is part of the build.
+namespace {
+
+struct Run
+{
+    int exitCode = -1;
+    bool crashed = false;
+    QString out;
+    QString err;
+};
+
+Run ctl(const QStringList& arguments, const QString& api = QString())
+{
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("TARV_API"));
+    if (!api.isEmpty())
+        environment.insert(QStringLiteral("TARV_API"), api);
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral(TARVCTL_BINARY), arguments);
+    Run result;
+    if (!process.waitForFinished(15000)) {
+        process.kill();
+        process.waitForFinished(2000);
+        result.err = QStringLiteral("(tarvctl did not finish)");
+        return result;
+    }
+    result.crashed = process.exitStatus() != QProcess::NormalExit;
+    result.exitCode = process.exitCode();
+    result.out = QString::fromUtf8(process.readAllStandardOutput());
+    result.err = QString::fromUtf8(process.readAllStandardError());
+    return result;
+}
+
+QString describe(const Run& run)
+{
+    return QStringLiteral("exit %1%2\nstdout: %3\nstderr: %4")
+        .arg(run.exitCode)
+        .arg(run.crashed ? QStringLiteral(" (crashed)") : QString())
+        .arg(run.out, run.err);
+}
+
+QJsonObject parseObject(const QString& text)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
+    return error.error == QJsonParseError::NoError ? document.object() : QJsonObject();
+}
+
+} // namespace
+
+#define CTL_EXPECT(run, code)                                                                                          \
+    do {                                                                                                               \
+        QVERIFY2(!(run).crashed && (run).exitCode == (code), qPrintable(describe(run)));                              \
+    } while (false)
+
+class tst_tarvctl : public QObject
+{
+    Q_OBJECT
+
+private:
+    void requireHost();
+
+    QTemporaryDir m_work;
+    std::unique_ptr<HostProcess> m_host;
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+
+    // The binary itself, against canned answers.
+    void helpAndVersionExitZero();
+    void usageErrorsExitTwoAndSayWhy_data();
+    void usageErrorsExitTwoAndSayWhy();
+    void cannedFailuresExitWithTheirCode();
+    void apiComesFromTheEnvironment();
+
+    // Against a real host.
+    void hostShowsTheDevice();
+    void getShowsASetting();
+    void setIsReadBack();
+    void invokeLeaveAnswersTrue();
+    void refusedInvokeExitsOneWithTheHandlersText_data();
+    void refusedInvokeExitsOneWithTheHandlersText();
+    void rowsShowsTheOwnMembership();
+    void treeShowsTheModulesList();
+    void watchSeesTheValueEventOfASet();
+    void jsonOutputParses_data();
+    void jsonOutputParses();
+    void everyErrorExitCodeAgainstTheHost();
+    void setSurvivesARestart();
+};
+
+void tst_tarvctl::initTestCase()
+{
+    QVERIFY(m_work.isValid());
+#ifdef TARV_HOST_BINARY
+    m_host = std::make_unique<HostProcess>(QStringLiteral(TARV_HOST_BINARY), QStringLiteral(TARV_MODULE), m_work.path());
+    QString error;
+    QVERIFY2(m_host->start({QStringLiteral("--name"), QStringLiteral("dev1")}, &error), qPrintable(error));
+#endif
+}
+
+void tst_tarvctl::cleanupTestCase()
+{
+    if (m_host)
+        QVERIFY2(m_host->stop(), qPrintable(m_host->output().right(2000)));
+}
+
+void tst_tarvctl::requireHost()
+{
+    if (!m_host)
+        QSKIP("tarv-host is not part of this build");
+}
+
+void tst_tarvctl::helpAndVersionExitZero()
+{
+    Run run = ctl({"--help"});
+    CTL_EXPECT(run, 0);
+    QVERIFY(run.out.startsWith("Usage: tarvctl [options] COMMAND [arguments]\n"));
+    QVERIFY(run.out.contains("Exit codes:"));
+    QCOMPARE(run.err, QString());
+    run = ctl({"--version"});
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("tarvctl " TARVCTL_VERSION "\n"));
+}
+
+void tst_tarvctl::usageErrorsExitTwoAndSayWhy_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("err");
+    QTest::newRow("no command") << QStringList{} << "tarvctl: no command given (see tarvctl --help)\n";
+    QTest::newRow("unknown command") << QStringList{"reboot"} << "tarvctl: unknown command 'reboot' (see tarvctl --help)\n";
+    QTest::newRow("unknown flag") << QStringList{"host", "--force"}
+                                  << "tarvctl: unknown option '--force' (see tarvctl --help)\n";
+    QTest::newRow("bad json") << QStringList{"set", "/a", "{\"i32_\":"}
+                              << "tarvctl: set: VALUE is not valid JSON (unterminated object at character 9): {\"i32_\":; "
+                                 "for a plain text use --string\n";
+    QTest::newRow("bad url") << QStringList{"--api", "http://h:1/x", "host"}
+                             << "tarvctl: bad API URL (from --api): 'http://h:1/x': give only scheme, host and port, "
+                                "e.g. http://127.0.0.1:8080\n";
+}
+
+void tst_tarvctl::usageErrorsExitTwoAndSayWhy()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, err);
+    const Run run = ctl(arguments);
+    CTL_EXPECT(run, 2);
+    QCOMPARE(run.err, err);
+    QCOMPARE(run.out, QString());
+}
+
+void tst_tarvctl::cannedFailuresExitWithTheirCode()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/value", 404,
+                  R"({"error":{"name":"NotFound","title":"Not found","message":"No value at /nope"}})");
+    server.answer("GET", "/api/v1/host", 200, "\x01\x02not json");
+    server.hold("GET", "/api/v1/rows");
+
+    Run run = ctl({"--api", server.api(), "get", "/nope"});
+    CTL_EXPECT(run, 1);
+    QCOMPARE(run.err, QString("tarvctl: error (HTTP 404): Not found: No value at /nope\n"));
+
+    run = ctl({"--api", server.api(), "host"});
+    CTL_EXPECT(run, 1);
+    QVERIFY2(run.err.startsWith("tarvctl: error: bad answer from the host: "), qPrintable(run.err));
+
+    run = ctl({"--api", server.api(), "rows", "/l", "--timeout-ms", "300"});
+    CTL_EXPECT(run, 4);
+    QCOMPARE(run.err, "tarvctl: timeout: no answer from " + server.api() + "/api/v1/rows?path=/l within 300 ms\n");
+
+    QString closed;
+    {
+        RawTcpServer gone{QByteArray()};
+        closed = gone.api();
+    }
+    run = ctl({"--api", closed, "host"});
+    CTL_EXPECT(run, 3);
+    QCOMPARE(run.err, "tarvctl: error: cannot connect to " + closed + " (is tarv-host running there?)\n");
+}
+
+void tst_tarvctl::apiComesFromTheEnvironment()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/value", 200, R"({"path":"/a","value":{"i32_":42}})");
+    const Run run = ctl({"get", "/a"}, server.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("42\n"));
+}
+
+void tst_tarvctl::hostShowsTheDevice()
+{
+    requireHost();
+    const Run run = ctl({"--api", m_host->api(), "host"});
+    CTL_EXPECT(run, 0);
+    QVERIFY2(run.out.startsWith("id:           " + m_host->id() + "\nname:         dev1\n"), qPrintable(run.out));
+    QVERIFY2(run.out.contains(QString("request port: %1\n").arg(m_host->requestPort())), qPrintable(run.out));
+    QVERIFY2(run.out.contains("version:      " TARVCTL_VERSION "\n"), qPrintable(run.out));
+}
+
+void tst_tarvctl::getShowsASetting()
+{
+    requireHost();
+    const Run run = ctl({"get", "/system/member/id"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, m_host->id() + "\n");
+}
+
+void tst_tarvctl::setIsReadBack()
+{
+    requireHost();
+    Run run = ctl({"set", "/settings/streaming/stopTimeout", "--int", "6500"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("/settings/streaming/stopTimeout = 6500\n"));
+    run = ctl({"get", "/settings/streaming/stopTimeout"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("6500\n"));
+
+    // A record given as JSON.
+    run = ctl({"set", "/player/data", R"({"state": 1})"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    run = ctl({"get", "/player/data", "--json"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(parseObject(run.out).value("value").toObject(), QJsonDocument::fromJson(R"({"state":1})").object());
+    run = ctl({"set", "/player/data", R"({"state": 0})"}, m_host->api());
+    CTL_EXPECT(run, 0);
+}
+
+void tst_tarvctl::invokeLeaveAnswersTrue()
+{
+    requireHost();
+    Run run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("true\n"));
+    run = ctl({"leave"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("true\n"));
+}
+
+void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("empty") << "{}" << "Empty grouping request";
+    QTest::newRow("command 2") << R"({"command":2})" << "valid command ";
+    QTest::newRow("join without master") << R"({"command":1})" << "Missing grouping master in request";
+    QTest::newRow("join without id") << R"({"command":1,"master":{"name":"x"}})" << "Missing grouping master id";
+}
+
+void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText()
+{
+    requireHost();
+    QFETCH(QString, value);
+    QFETCH(QString, message);
+    const Run run = ctl({"invoke", "/grouping/request", value}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QCOMPARE(run.out, QString());
+    QVERIFY2(run.err.startsWith("tarvctl: error (HTTP 4"), qPrintable(run.err));
+    QVERIFY2(run.err.endsWith("): " + message + "\n"), qPrintable(run.err));
+}
+
+void tst_tarvctl::rowsShowsTheOwnMembership()
+{
+    requireHost();
+    // The module writes its own row once the device's record is known.
+    Run run;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    do {
+        run = ctl({"rows", "/grouping/members"}, m_host->api());
+    } while (!run.out.contains("follower dev1 -> master dev1") && elapsed.elapsed() < 5000);
+    CTL_EXPECT(run, 0);
+    QVERIFY2(run.out.startsWith("/grouping/members"), qPrintable(run.out));
+    QVERIFY2(run.out.contains("\nID "), qPrintable(run.out));
+    QVERIFY2(run.out.contains(m_host->id() + "  101 member  dev1"), qPrintable(run.out));
+    QVERIFY2(run.out.contains("follower dev1 -> master dev1"), qPrintable(run.out));
+}
+
+void tst_tarvctl::treeShowsTheModulesList()
+{
+    requireHost();
+    const Run run = ctl({"tree"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QVERIFY2(run.out.contains("[list]  \"VopGrouping\""), qPrintable(run.out));
+    QVERIFY2(run.out.contains("  /grouping/request  [action]"), qPrintable(run.out));
+    QVERIFY2(run.out.contains("\nvalues ("), qPrintable(run.out));
+    QVERIFY2(run.out.contains("\n  /settings/device/name\n"), qPrintable(run.out));
+}
+
+void tst_tarvctl::watchSeesTheValueEventOfASet()
+{
+    requireHost();
+    QProcess watch;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("TARV_API", m_host->api());
+    watch.setProcessEnvironment(environment);
+    watch.start(TARVCTL_BINARY, {"--verbose", "watch", "/settings/streaming/requestTimeout", "--count", "1",
+                                 "--timeout-ms", "8000"});
+    QVERIFY(watch.waitForStarted(5000));
+    watch.setReadChannel(QProcess::StandardError);
+    // With --verbose the client says when the host has subscribed it; a set
+    // after that cannot be missed.
+    QByteArray err;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (!err.contains("Event stream open") && elapsed.elapsed() < 5000) {
+        if (watch.waitForReadyRead(100))
+            err += watch.readAllStandardError();
+        if (watch.state() == QProcess::NotRunning)
+            break;
+    }
+    QVERIFY2(err.contains("Event stream open"), err.constData());
+
+    const Run set = ctl({"set", "/settings/streaming/requestTimeout", "--int", "1300"}, m_host->api());
+    CTL_EXPECT(set, 0);
+    QVERIFY(watch.waitForFinished(8000));
+    QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(watch.exitCode(), 0);
+    QCOMPARE(QString::fromUtf8(watch.readAllStandardOutput()), QString("value /settings/streaming/requestTimeout = 1300\n"));
+}
+
+void tst_tarvctl::jsonOutputParses_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("key");
+    QTest::newRow("host") << QStringList{"host"} << "id";
+    QTest::newRow("get") << QStringList{"get", "/system/member"} << "value";
+    QTest::newRow("set") << QStringList{"set", "/settings/streaming/stopTimeout", "--int", "5000"} << "value";
+    QTest::newRow("invoke") << QStringList{"invoke", "/grouping/request", R"({"command":-1})"} << "result";
+    QTest::newRow("rows") << QStringList{"rows", "/system/members"} << "rows";
+    QTest::newRow("tree") << QStringList{"tree"} << "nodes";
+    QTest::newRow("error") << QStringList{"get", "/nope"} << "error";
+}
+
+void tst_tarvctl::jsonOutputParses()
+{
+    requireHost();
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, key);
+    const Run run = ctl(QStringList{"--json"} + arguments, m_host->api());
+    CTL_EXPECT(run, key == "error" ? 1 : 0);
+    const QJsonObject object = parseObject(run.out);
+    QVERIFY2(object.contains(key), qPrintable(run.out));
+    if (key == "id")
+        QCOMPARE(object.value("id").toString(), m_host->id());
+}
+
+void tst_tarvctl::everyErrorExitCodeAgainstTheHost()
+{
+    requireHost();
+    Run run = ctl({"get", "/nope"}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QCOMPARE(run.err, QString("tarvctl: error (HTTP 404): Not found: No value at /nope\n"));
+
+    run = ctl({"rows", "/system/member"}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QVERIFY2(run.err.contains("/system/member is a value, not a list"), qPrintable(run.err));
+
+    run = ctl({"set", "/settings/device/name", "kitchen"}, m_host->api());
+    CTL_EXPECT(run, 2);
+
+    const QString closed = QString("http://127.0.0.1:%1").arg(HostProcess::freeUdpPort());
+    run = ctl({"host"}, closed);
+    CTL_EXPECT(run, 3);
+    QCOMPARE(run.err, "tarvctl: error: cannot connect to " + closed + " (is tarv-host running there?)\n");
+
+    run = ctl({"watch", "/nothing/here", "--count", "1", "--timeout-ms", "300"}, m_host->api());
+    CTL_EXPECT(run, 4);
+    QCOMPARE(run.err, QString("tarvctl: timeout: 0 of 1 events within 300 ms\n"));
+}
+
+void tst_tarvctl::setSurvivesARestart()
+{
+    requireHost();
+    Run run = ctl({"set", "/settings/device/name", "--string", "kitchen"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("/settings/device/name = kitchen\n"));
+    QVERIFY2(m_host->stop(), qPrintable(m_host->output().right(2000)));
+
+    // Without --name, which would win over the kept setting.
+    QString error;
+    QVERIFY2(m_host->start({}, &error), qPrintable(error));
+    run = ctl({"get", "/settings/device/name"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("kitchen\n"));
+    run = ctl({"host"}, m_host->api());
+    QVERIFY2(run.out.contains("name:         kitchen\n"), qPrintable(run.out));
+}
+
+QTEST_GUILESS_MAIN(tst_tarvctl)
+#include "tst_tarvctl.moc"
