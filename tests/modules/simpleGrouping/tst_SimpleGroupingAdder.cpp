@@ -261,6 +261,36 @@ private Q_SLOTS:
                  2);
     }
 
+    // The same with a real lookup and the real timer: the sender starts out
+    // at an address the name no longer has; the lookup moves it, and every
+    // later period announces at the new address.
+    void lookupMovingTheAddressIsFollowedByTheTimer()
+    {
+        setResendPeriod(40);
+        SimpleGroupingAdder adder;
+        const QString body = message(QStringLiteral("r5b"));
+        adder.start(body, QStringLiteral("127.0.0.2"));
+        adder.on_addrLookup(lookupResult({QHostAddress(QStringLiteral("127.0.0.1"))}));
+        QList<QByteArray> atNewAddress;
+        QTRY_VERIFY_WITH_TIMEOUT((atNewAddress += received(m_second)).size() >= 4, 2000);
+        adder.stop();
+        atNewAddress += received(m_second);
+
+        QCOMPARE(atNewAddress.last(), payload("remove", body));
+        atNewAddress.removeLast();
+        for (const QByteArray& datagram : qAsConst(atNewAddress))
+            QCOMPARE(datagram, payload("add", body));
+        const QList<QByteArray> atOldAddress = received(m_first);
+        QVERIFY(!atOldAddress.isEmpty());
+        for (const QByteArray& datagram : atOldAddress)
+            QCOMPARE(datagram, payload("add", body));
+        // Nothing went to the old address once the new one was known.
+        const QStringList trace = m_log.messages(log4cplus::TRACE_LOG_LEVEL, Logger);
+        const int moved = trace.indexOf(QStringLiteral("add request successfully sent to 127.0.0.2"));
+        QVERIFY(moved >= 0);
+        QCOMPARE(trace.lastIndexOf(QStringLiteral("add request successfully sent to 127.0.0.1")) < moved, true);
+    }
+
     void unresolvableNameSendsNothingAndRetriesEachPeriod_data()
     {
         QTest::addColumn<QString>("host");
