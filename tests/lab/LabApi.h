@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QJsonValue>
+#include <QNetworkAccessManager>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+// The control API of one lab device, called synchronously with a bound: each
+// call runs a local event loop until the reply or the time-out, so streams
+// on the same thread keep receiving meanwhile.
+class LabApi : public QObject
+{
+public:
+    struct Reply {
+        int status = 0;          // HTTP status; 0 when no reply came
+        QByteArray body;
+        QJsonValue json;         // the body parsed, undefined when not JSON
+        QString transportError;  // empty when a reply came
+        bool ok() const { return status == 200; }
+    };
+
+    explicit LabApi(const QString& baseUrl, QObject* parent = nullptr);
+
+    Reply get(const QString& endpoint, const QString& path = QString(), int timeoutMs = 3000);
+    Reply put(const QString& endpoint, const QString& path, const QJsonValue& body, int timeoutMs = 3000);
+    Reply post(const QString& endpoint, const QString& path, const QByteArray& body, int timeoutMs = 6000);
+
+    // Conveniences over the endpoints; empty results when the call failed.
+    QJsonObject host();
+    QJsonValue value(const QString& path);
+    QJsonArray rows(const QString& path);
+    QJsonObject row(const QString& path, const QString& id);   // empty when absent
+    Reply invoke(const QString& path, const QJsonValue& body);
+    Reply setValue(const QString& path, const QJsonValue& value);
+
+    // The grouping operations the lab exercises.
+    int deviceState();                                        // -1 when unreadable
+    QString ownMasterId(const QString& ownId);                // master named in the own row
+    Reply join(const QString& masterId, const QString& masterName, const QString& masterHost);
+    Reply leave();
+
+    const QString& baseUrl() const { return m_base; }
+
+private:
+    Reply send(const QByteArray& verb, const QUrl& url, const QByteArray& body, int timeoutMs);
+    QUrl url(const QString& endpoint, const QString& path) const;
+
+    QString m_base;
+    QNetworkAccessManager m_network;
+};
