@@ -1,0 +1,114 @@
+#include <sstream>
+
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <log4cplus/consoleappender.h>
+
+#include <tarv>
+
+#include "ChildProcess.h"
+
+class tst_TarvLog : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void loggerIsNamedAfterTheClass()
+    {
+        const log4cplus::Logger logger = TarvLog::logger("SimpleGroupingCtrl");
+        QCOMPARE(QString::fromStdString(logger.getName()), QStringLiteral("SimpleGroupingCtrl"));
+        QCOMPARE(QString::fromStdString(TarvLog::logger("SimpleGroupingCtrl").getName()),
+                 QStringLiteral("SimpleGroupingCtrl"));
+    }
+
+    void streamsQtValuesIntoLogMessages()
+    {
+        std::ostringstream out;
+        out << QStringLiteral("Küche") << '|' << QByteArray("add {}") << '|' << QByteArray("a\0b", 3) << '|'
+            << QVariant(5000) << '|' << QVariant(QStringLiteral("v"));
+        QCOMPARE(QByteArray::fromStdString(out.str()), QByteArray("K\xc3\xbc" "che|add {}|a\0b|5000|v", 24));
+    }
+
+    void defaultConfigurationIsInfoToStderr()
+    {
+        TarvLog::init();
+        log4cplus::Logger root = log4cplus::Logger::getRoot();
+        QCOMPARE(root.getLogLevel(), log4cplus::INFO_LOG_LEVEL);
+        const log4cplus::SharedAppenderPtrList appenders = root.getAllAppenders();
+        QCOMPARE(int(appenders.size()), 1);
+        QVERIFY(dynamic_cast<log4cplus::ConsoleAppender*>(appenders.front().get()));
+        QVERIFY(TarvLog::defaultPattern().contains(QStringLiteral("%b:%L %M")));
+        // Running init again keeps one appender.
+        TarvLog::init();
+        QCOMPARE(int(log4cplus::Logger::getRoot().getAllAppenders().size()), 1);
+    }
+
+    void defaultConfigurationWritesLevelLoggerFileLineAndFunction()
+    {
+        const ChildResult child = runChildScenario(QStringLiteral("default"));
+        QVERIFY(child.finished);
+        QCOMPARE(child.status, QProcess::NormalExit);
+        QCOMPARE(child.exitCode, 0);
+        const QRegularExpression info(
+            QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} INFO  Probe \\[tst_TarvLog\\.cpp:\\d+ [^\\]]*childMain[^\\]]*\\] "
+                           "shown info$"),
+            QRegularExpression::MultilineOption);
+        QVERIFY2(info.match(child.stderrText).hasMatch(), qPrintable(child.stderrText));
+        QVERIFY2(child.stderrText.contains(QStringLiteral("ERROR Probe [tst_TarvLog.cpp:")), qPrintable(child.stderrText));
+        QVERIFY(!child.stderrText.contains(QStringLiteral("hidden debug")));
+        QVERIFY(child.stdoutText.isEmpty());
+    }
+
+    void propertiesFileSetsTheLevels()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString path = dir.filePath(QStringLiteral("log.properties"));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("log4cplus.rootLogger=WARN, STDERR\n"
+                   "log4cplus.logger.Verbose=TRACE\n"
+                   "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
+                   "log4cplus.appender.STDERR.logToStdErr=true\n"
+                   "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
+                   "log4cplus.appender.STDERR.layout.ConversionPattern=%p %c %m%n\n");
+        file.close();
+        const ChildResult child = runChildScenario(QStringLiteral("properties:") + path);
+        QVERIFY(child.finished);
+        QCOMPARE(child.exitCode, 0);
+        const QStringList lines = child.stderrText.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines, QStringList({"WARN Probe probe warn", "DEBUG Verbose verbose debug"}));
+    }
+
+    void unreadablePropertiesFileFallsBackToTheDefault()
+    {
+        const ChildResult child = runChildScenario(QStringLiteral("properties:/nonexistent/log.properties"));
+        QVERIFY(child.finished);
+        QCOMPARE(child.exitCode, 0);
+        QVERIFY2(child.stderrText.contains(QStringLiteral("WARN  Probe [tst_TarvLog.cpp:")), qPrintable(child.stderrText));
+        QVERIFY2(child.stderrText.contains(QStringLiteral("] probe info")), qPrintable(child.stderrText));
+        QVERIFY(!child.stderrText.contains(QStringLiteral("verbose debug")));
+    }
+};
+
+static int childMain(const QString& scenario)
+{
+    const log4cplus::Logger probe = TarvLog::logger("Probe");
+    if (scenario == QLatin1String("default")) {
+        TarvLog::init();
+        LOG4CPLUS_DEBUG(probe, "hidden debug");
+        LOG4CPLUS_INFO(probe, "shown info");
+        LOG4CPLUS_ERROR(probe, "shown error");
+    } else if (scenario.startsWith(QLatin1String("properties:"))) {
+        TarvLog::init(scenario.mid(int(strlen("properties:"))));
+        LOG4CPLUS_INFO(probe, "probe info");
+        LOG4CPLUS_WARN(probe, "probe warn");
+        LOG4CPLUS_DEBUG(TarvLog::logger("Verbose"), "verbose debug");
+    }
+    return 0;
+}
+
+TARV_TEST_MAIN_WITH_CHILDREN(tst_TarvLog, childMain)
+#include "tst_TarvLog.moc"
