@@ -213,6 +213,12 @@ void tst_tarvctl::hostShowsTheDevice()
     QVERIFY2(run.out.startsWith("id:           " + m_host->id() + "\nname:         dev1\n"), qPrintable(run.out));
     QVERIFY2(run.out.contains(QString("request port: %1\n").arg(m_host->requestPort())), qPrintable(run.out));
     QVERIFY2(run.out.contains("version:      " TARVCTL_VERSION "\n"), qPrintable(run.out));
+
+    // By name, as people type it: the host answers to "localhost" too.
+    const QString byName = QString(m_host->api()).replace("127.0.0.1", "localhost");
+    const Run named = ctl({"--api", byName, "host"});
+    CTL_EXPECT(named, 0);
+    QCOMPARE(named.out, run.out);
 }
 
 void tst_tarvctl::getShowsASetting()
