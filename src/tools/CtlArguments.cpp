@@ -4,16 +4,16 @@
 
 namespace {
 
-struct OptionSpec
+struct OptionInfo
 {
     QString name;
     bool takesValue;
     QStringList commands; // empty: every command
 };
 
-const QList<OptionSpec>& optionSpecs()
+const QList<OptionInfo>& optionInfos()
 {
-    static const QList<OptionSpec> specs{
+    static const QList<OptionInfo> infos{
         {QStringLiteral("api"), true, {}},
         {QStringLiteral("json"), false, {}},
         {QStringLiteral("verbose"), false, {}},
@@ -26,14 +26,14 @@ const QList<OptionSpec>& optionSpecs()
         {QStringLiteral("name"), true, {QStringLiteral("join")}},
         {QStringLiteral("host"), true, {QStringLiteral("join")}},
     };
-    return specs;
+    return infos;
 }
 
-const OptionSpec* findOption(const QString& name)
+const OptionInfo* findOption(const QString& name)
 {
-    for (const OptionSpec& spec : optionSpecs()) {
-        if (spec.name == name)
-            return &spec;
+    for (const OptionInfo& info : optionInfos()) {
+        if (info.name == name)
+            return &info;
     }
     return nullptr;
 }
@@ -126,11 +126,11 @@ bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnv
             return fail(QStringLiteral("unknown option '%1' (see tarvctl --help)").arg(token));
         const int equals = token.indexOf(QLatin1Char('='));
         const QString name = token.mid(2, equals < 0 ? -1 : equals - 2);
-        const OptionSpec* spec = findOption(name);
-        if (!spec)
+        const OptionInfo* info = findOption(name);
+        if (!info)
             return fail(QStringLiteral("unknown option '--%1' (see tarvctl --help)").arg(name));
         QString value;
-        if (spec->takesValue) {
+        if (info->takesValue) {
             if (equals >= 0) {
                 value = token.mid(equals + 1);
             } else if (i + 1 < arguments.size()) {
@@ -174,14 +174,14 @@ bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnv
 
 bool CtlArguments::checkCommand()
 {
-    struct CommandSpec
+    struct CommandInfo
     {
         QString name;
         int minArguments;
         int maxArguments;
         QString synopsis;
     };
-    static const QList<CommandSpec> commands{
+    static const QList<CommandInfo> commands{
         {QStringLiteral("host"), 0, 0, QStringLiteral("host")},
         {QStringLiteral("get"), 1, 1, QStringLiteral("get PATH")},
         {QStringLiteral("set"), 1, 2, QStringLiteral("set PATH VALUE | set PATH --string S | set PATH --int N")},
@@ -195,10 +195,10 @@ bool CtlArguments::checkCommand()
 
     if (m_command.isEmpty())
         return fail(QStringLiteral("no command given (see tarvctl --help)"));
-    const CommandSpec* command = nullptr;
-    for (const CommandSpec& spec : commands) {
-        if (spec.name == m_command)
-            command = &spec;
+    const CommandInfo* command = nullptr;
+    for (const CommandInfo& info : commands) {
+        if (info.name == m_command)
+            command = &info;
     }
     if (!command)
         return fail(QStringLiteral("unknown command '%1' (see tarvctl --help)").arg(m_command));
@@ -210,10 +210,10 @@ bool CtlArguments::checkCommand()
     }
 
     for (auto it = m_options.constBegin(); it != m_options.constEnd(); ++it) {
-        const OptionSpec* spec = findOption(it.key());
-        if (!spec->commands.isEmpty() && !spec->commands.contains(m_command)) {
+        const OptionInfo* info = findOption(it.key());
+        if (!info->commands.isEmpty() && !info->commands.contains(m_command)) {
             return fail(QStringLiteral("option --%1 is only for %2, not for %3")
-                            .arg(it.key(), spec->commands.join(QStringLiteral(", ")), m_command));
+                            .arg(it.key(), info->commands.join(QStringLiteral(", ")), m_command));
         }
     }
 
