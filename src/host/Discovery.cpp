@@ -21,7 +21,6 @@ log4cplus::Logger logger()
     return TarvLog::logger("Discovery");
 }
 
-const char* const receivedKey = "received";
 const char* const malformedKey = "malformed";
 const char* const oversizedKey = "oversized";
 const char* const noIdKey = "noId";
@@ -61,7 +60,7 @@ QString checkRecordFields(const QVariantHash& record)
 Discovery::Discovery(CMListRowsNode* members, const Options& options, QObject* parent)
     : QObject(parent), m_members(members), m_options(options)
 {
-    for (const char* key : {receivedKey, malformedKey, oversizedKey, noIdKey, droppedKey})
+    for (const char* key : {malformedKey, oversizedKey, noIdKey, droppedKey})
         m_stats.insert(QLatin1String(key), 0);
     m_periodTimer.setInterval(m_options.periodMs);
     // The first timeout ends the loading round; it must not come early.
@@ -216,7 +215,7 @@ void Discovery::handleDatagram(const QByteArray& data, const QHostAddress& sende
         drop(noIdKey, sender, QStringLiteral("no device id"));
         return;
     }
-    m_stats[QLatin1String(receivedKey)] = m_stats.value(QLatin1String(receivedKey)).toLongLong() + 1;
+    ++m_received;
     if (announced.id() == m_own.id())
         return; // our own announcement, heard through the loopback
 
@@ -245,7 +244,6 @@ void Discovery::drop(const char* counter, const QHostAddress& sender, const QStr
         LOG4CPLUS_DEBUG(logger(), "Dropped discovery announcement from " << tarvQHostAddressToIp(sender) << ": "
                                                                          << reason);
     }
-    m_lastReportedStats = m_stats;
     Q_EMIT statsChanged(m_stats);
 }
 
@@ -303,9 +301,5 @@ void Discovery::on_periodTimer_timeout()
     if (!m_firstPeriodDone) {
         m_firstPeriodDone = true;
         m_members->setLoading(false);
-    }
-    if (m_stats != m_lastReportedStats) {
-        m_lastReportedStats = m_stats;
-        Q_EMIT statsChanged(m_stats);
     }
 }

@@ -49,8 +49,12 @@ public:
     void stop();
 
     void setOwnRecord(const TarvSystemMember& record);
-    // {"received", "malformed", "oversized", "noId", "dropped"} counts.
+    // Dropped announcements: {"malformed", "oversized", "noId", "dropped"}.
+    // Changes only when one is dropped, so that publishing it costs nothing
+    // while the LAN is healthy.
     QVariantHash stats() const;
+    // Well-formed announcements heard, own ones included.
+    qint64 receivedCount() const { return m_received; }
 
 Q_SIGNALS:
     void statsChanged(const QVariantHash& stats);
@@ -75,7 +79,7 @@ private:
     // When each other device was last heard, on m_clock.
     QHash<QString, qint64> m_lastSeen;
     QVariantHash m_stats;
-    QVariantHash m_lastReportedStats;
+    qint64 m_received = 0;
     bool m_started = false;
     bool m_firstPeriodDone = false;
     bool m_warnedThisPeriod = false;
