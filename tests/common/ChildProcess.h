@@ -10,7 +10,10 @@
 
 // Fatal paths (assertions, fatal log lines) end the process, so they run in
 // a child: the test binary starts itself again with TARV_TEST_CHILD set to a
-// scenario name, and main() then runs only that scenario.
+// scenario name. Either main() runs only that scenario
+// (TARV_TEST_MAIN_WITH_CHILDREN), or the scenario is a test function passed
+// as the child's argument so that QtTest runs just that one (isChildRun()
+// tells the function which side it is on).
 
 struct ChildResult
 {
@@ -21,13 +24,19 @@ struct ChildResult
     QString stderrText;
 };
 
-inline ChildResult runChildScenario(const QString& scenario, int timeoutMs = 10000)
+inline bool isChildRun()
+{
+    return qEnvironmentVariableIsSet("TARV_TEST_CHILD");
+}
+
+inline ChildResult runChildScenario(const QString& scenario, int timeoutMs = 10000,
+                                    const QStringList& arguments = QStringList())
 {
     QProcess child;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("TARV_TEST_CHILD"), scenario);
     child.setProcessEnvironment(env);
-    child.start(QCoreApplication::applicationFilePath(), QStringList());
+    child.start(QCoreApplication::applicationFilePath(), arguments);
     ChildResult result;
     result.finished = child.waitForFinished(timeoutMs);
     if (!result.finished) {

@@ -5,7 +5,6 @@
 #include <QHash>
 #include <QList>
 #include <QMutex>
-#include <QPointer>
 
 #include "CMAbstractWorker.h"
 #include "CMValueNotifier.h"

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/resource.h>
-
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -15,6 +13,8 @@
 #include <model/cmrequest>
 #include <model/cmrowsclone>
 #include <tarv>
+
+#include "ChildProcess.h"
 
 // What a device's host holds for the module, set up per test: the own
 // record, the device state (empty until the module writes it), the two
@@ -136,43 +136,3 @@ inline void sendToListener(const QByteArray& payload)
     sender.writeDatagram(payload, QHostAddress::LocalHost, TarvRequestPort());
 }
 
-// Fatal paths end the process, so they run in a child: the test binary runs
-// one test function again with TARV_TEST_CHILD set.
-struct ChildRun
-{
-    bool finished = false;
-    QProcess::ExitStatus status = QProcess::NormalExit;
-    QString stdoutText; // QtTest reports assertions here
-    QString stderrText; // the log goes here
-};
-
-inline bool isChildRun()
-{
-    return qEnvironmentVariableIsSet("TARV_TEST_CHILD");
-}
-
-inline ChildRun runTestFunctionInChild(const QString& function, int timeoutMs = 10000)
-{
-    QProcess child;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("TARV_TEST_CHILD"), function);
-    child.setProcessEnvironment(env);
-    child.start(QCoreApplication::applicationFilePath(), {function});
-    ChildRun run;
-    run.finished = child.waitForFinished(timeoutMs);
-    if (!run.finished) {
-        child.kill();
-        child.waitForFinished(1000);
-    }
-    run.status = child.exitStatus();
-    run.stdoutText = QString::fromUtf8(child.readAllStandardOutput());
-    run.stderrText = QString::fromUtf8(child.readAllStandardError());
-    return run;
-}
-
-// A child that aborts on purpose leaves no core file behind.
-inline void disableCoreDumps()
-{
-    struct rlimit none = {0, 0};
-    setrlimit(RLIMIT_CORE, &none);
-}

@@ -585,7 +585,7 @@ private Q_SLOTS:
             GroupingTestHost::setOwnRecord(TarvSystemMember());
             QFAIL("the process should have ended");
         }
-        const ChildRun run = runTestFunctionInChild("ownIdLossEndsProcess");
+        const ChildResult run = runChildScenario("ownIdLossEndsProcess", 10000, {"ownIdLossEndsProcess"});
         QVERIFY2(run.finished, qPrintable(run.stderrText));
         QCOMPARE(run.status, QProcess::CrashExit);
         QVERIFY2(run.stderrText.contains(
