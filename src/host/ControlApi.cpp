@@ -1,6 +1,7 @@
 #include "ControlApi.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 
@@ -261,6 +262,12 @@ bool ControlApi::start(QString* error)
         m_port = m_options.port;
     }
     m_thread = std::thread([this] { m_server->listen_after_bind(); });
+    // httplib's stop() does nothing until the accept loop runs, so a stop()
+    // right after start() would leave join() waiting for ever. The loop
+    // starts within microseconds; the bound only guards a broken thread.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!m_server->is_running() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     LOG4CPLUS_INFO(logger(), "Control API on " << url());
     return true;
 }

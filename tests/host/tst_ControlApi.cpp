@@ -562,6 +562,20 @@ private Q_SLOTS:
         m_handlers.held.clear();
     }
 
+    void stopRightAfterStartReturns()
+    {
+        // The accept loop may not have started yet when stop() comes; stop()
+        // must still end it (a hang here would run into the test's limit).
+        for (int round = 0; round < 50; ++round) {
+            ControlApi api(apiOptions());
+            QString error;
+            QVERIFY2(api.start(&error), qPrintable(error));
+            auto stopped = std::async(std::launch::async, [&api] { api.stop(); });
+            QVERIFY2(stopped.wait_for(std::chrono::seconds(5)) == std::future_status::ready,
+                     qPrintable(QStringLiteral("stop() hung in round %1").arg(round)));
+        }
+    }
+
     void tooManyEventStreamsAreRefused()
     {
         ControlApi api(apiOptions());
