@@ -1,11 +1,8 @@
 #include "LabApi.h"
 
-#include <QBuffer>
 #include <QEventLoop>
 #include <QJsonDocument>
-#include <QNetworkProxy>
-#include <QNetworkReply>
-#include <QNetworkRequest>
+#include <QTcpSocket>
 #include <QTimer>
 #include <QUrlQuery>
 
@@ -15,8 +12,6 @@ LabApi::LabApi(const QString& baseUrl, QObject* parent)
     : QObject(parent)
     , m_base(baseUrl)
 {
-    // Lab addresses are on a local bridge; no proxy may be asked about them.
-    m_network.setProxy(QNetworkProxy::NoProxy);
 }
 
 QUrl LabApi::url(const QString& endpoint, const QString& path) const
@@ -30,39 +25,107 @@ QUrl LabApi::url(const QString& endpoint, const QString& path) const
     return url;
 }
 
+bool LabApi::parseResponse(const QByteArray& data, bool closed, Reply* reply)
+{
+    const int headEnd = data.indexOf("\r\n\r\n");
+    if (headEnd < 0)
+        return false;
+    const QList<QByteArray> head = data.left(headEnd).split('\n');
+    const QList<QByteArray> statusLine = head.value(0).trimmed().split(' ');
+    qint64 length = -1;
+    bool chunked = false;
+    for (int i = 1; i < head.size(); ++i) {
+        const QByteArray line = head.at(i).trimmed();
+        const int colon = line.indexOf(':');
+        const QByteArray name = line.left(colon).trimmed().toLower();
+        const QByteArray value = line.mid(colon + 1).trimmed();
+        if (name == "content-length")
+            length = value.toLongLong();
+        else if (name == "transfer-encoding" && value.toLower().contains("chunked"))
+            chunked = true;
+    }
+    QByteArray body = data.mid(headEnd + 4);
+    if (chunked) {
+        QByteArray decoded;
+        int at = 0;
+        for (;;) {
+            const int lineEnd = body.indexOf("\r\n", at);
+            if (lineEnd < 0)
+                return false;
+            bool ok = false;
+            const int size = body.mid(at, lineEnd - at).split(';').value(0).trimmed().toInt(&ok, 16);
+            if (!ok)
+                return false;
+            if (size == 0)
+                break;
+            if (body.size() < lineEnd + 2 + size + 2)
+                return false;
+            decoded.append(body.mid(lineEnd + 2, size));
+            at = lineEnd + 2 + size + 2;
+        }
+        body = decoded;
+    } else if (length >= 0) {
+        if (body.size() < length)
+            return false;
+        body.truncate(int(length));
+    } else if (!closed) {
+        return false;
+    }
+    reply->status = statusLine.value(1).toInt();
+    reply->body = body;
+    return true;
+}
+
 LabApi::Reply LabApi::send(const QByteArray& verb, const QUrl& url, const QByteArray& body, int timeoutMs)
 {
-    QNetworkRequest request(url);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
-    QBuffer* data = new QBuffer;
-    data->setData(body);
-    QNetworkReply* reply = m_network.sendCustomRequest(request, verb, data);
-    data->setParent(reply);
+    QByteArray request = verb + ' ' + url.path(QUrl::FullyEncoded).toLatin1();
+    if (url.hasQuery())
+        request += '?' + url.query(QUrl::FullyEncoded).toLatin1();
+    request += " HTTP/1.1\r\nHost: " + url.host().toLatin1() + ':' + QByteArray::number(url.port(80))
+        + "\r\nContent-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size())
+        + "\r\nConnection: close\r\n\r\n" + body;
 
+    QTcpSocket socket;
+    QByteArray received;
+    Reply result;
+    bool complete = false;
     QEventLoop loop;
     QTimer bound;
     bound.setSingleShot(true);
-    tarvConnect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    tarvConnect(&socket, &QTcpSocket::connected, &loop, [&socket, &request]() {
+        socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        socket.write(request);
+    });
+    tarvConnect(&socket, &QTcpSocket::readyRead, &loop, [&]() {
+        received += socket.readAll();
+        if (parseResponse(received, false, &result)) {
+            complete = true;
+            loop.quit();
+        }
+    });
+    tarvConnect(&socket, &QTcpSocket::disconnected, &loop, [&]() {
+        // Whatever arrived with the close was delivered through readyRead.
+        complete = parseResponse(received, true, &result);
+        loop.quit();
+    });
+    tarvConnect(&socket, &QTcpSocket::errorOccurred, &loop, [&](QAbstractSocket::SocketError) { loop.quit(); });
     tarvConnect(&bound, &QTimer::timeout, &loop, &QEventLoop::quit);
     bound.start(timeoutMs);
-    if (!reply->isFinished())
-        loop.exec();
+    socket.connectToHost(url.host(), quint16(url.port(80)));
+    loop.exec();
+    const bool timedOut = !bound.isActive();
+    const QString socketError = socket.errorString();
+    socket.abort();
 
-    Reply result;
-    if (!reply->isFinished()) {
-        reply->abort();
-        result.transportError = QStringLiteral("no reply within %1 ms").arg(timeoutMs);
-    } else {
-        result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        result.body = reply->readAll();
-        if (result.status == 0)
-            result.transportError = reply->errorString();
-        QJsonParseError error;
-        const QJsonDocument doc = QJsonDocument::fromJson(result.body, &error);
-        if (error.error == QJsonParseError::NoError)
-            result.json = doc.isObject() ? QJsonValue(doc.object()) : QJsonValue(doc.array());
+    if (!complete) {
+        result = Reply();
+        result.transportError = timedOut ? QStringLiteral("no reply within %1 ms").arg(timeoutMs) : socketError;
+        return result;
     }
-    reply->deleteLater();
+    QJsonParseError error;
+    const QJsonDocument doc = QJsonDocument::fromJson(result.body, &error);
+    if (error.error == QJsonParseError::NoError)
+        result.json = doc.isObject() ? QJsonValue(doc.object()) : QJsonValue(doc.array());
     return result;
 }
 

@@ -10,6 +10,7 @@ struct LabEvent {
     QString name;          // "value" or "rows"
     QJsonObject data;      // {"path","value"} or {"path","new","old"}
     qint64 receivedMs = 0;
+    qint64 receivedUs = 0; // steady clock, microseconds, for latencies (LabEventStream::steadyUs)
 
     QString path() const { return data.value(QStringLiteral("path")).toString(); }
     QJsonObject newRow() const { return data.value(QStringLiteral("new")).toObject(); }

@@ -1,5 +1,7 @@
 #include "LabEventStream.h"
 
+#include <chrono>
+
 #include <QDateTime>
 #include <QEventLoop>
 #include <QJsonDocument>
@@ -80,6 +82,7 @@ void LabEventStream::takeLine(QByteArray line)
             event.name = m_name;
             event.data = QJsonDocument::fromJson(m_data).object();
             event.receivedMs = QDateTime::currentMSecsSinceEpoch();
+            event.receivedUs = steadyUs();
             m_events.append(event);
         }
         m_name.clear();
@@ -115,6 +118,11 @@ int LabEventStream::waitFor(const std::function<bool(const LabEvent&)>& match, i
         tick.start(50);
         loop.exec();
     }
+}
+
+qint64 LabEventStream::steadyUs()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 std::function<bool(const LabEvent&)> LabEventStream::rowAdded(const QString& path, const QString& id)

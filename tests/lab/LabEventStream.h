@@ -33,6 +33,9 @@ public:
     // timeoutMs for it to arrive; -1 when none came in time.
     int waitFor(const std::function<bool(const LabEvent&)>& match, int from, int timeoutMs);
 
+    // The steady clock the events' receivedUs is read from.
+    static qint64 steadyUs();
+
     // Matchers for the grouping-members list.
     static std::function<bool(const LabEvent&)> rowAdded(const QString& path, const QString& id);
     static std::function<bool(const LabEvent&)> rowRemoved(const QString& path, const QString& id);

@@ -39,7 +39,7 @@ constexpr int kRequestPort = 41230;
 // Allowance for getting a change from the host to this process (HTTP event
 // stream, scheduling on a busy two-core machine). Bounds on the system's own
 // timing are checked on the hosts' log times, which need no allowance.
-constexpr int kDeliveryMs = 250;
+constexpr int kDeliveryMs = 500;
 
 const QString kMembers = QStringLiteral("/grouping/members");
 
@@ -358,7 +358,7 @@ void tst_LabGrouping::cutReceiverIsDroppedAndReaddedWithinOneResendAfterHeal()
     const qint64 firstAdd = logA.find(QStringLiteral("TRACE"), QStringLiteral("SimpleGroupingSocket"), QStringLiteral("Received packet add"), healLogFrom).first().timeMs;
     qInfo("dev2 re-added %lld ms after the heal (resend period %d ms)", firstAdd - healed, kResendMs);
     // One resend period after the heal, plus the time A takes to log it.
-    QVERIFY2(firstAdd - healed <= kResendMs + 50, qPrintable(QStringLiteral("first add %1 ms after heal").arg(firstAdd - healed)));
+    QVERIFY2(firstAdd - healed <= kResendMs + 100, qPrintable(QStringLiteral("first add %1 ms after heal").arg(firstAdd - healed)));
     QVERIFY(m_events->events().at(readded).receivedMs - healed <= kResendMs + kDeliveryMs);
     QCOMPARE(followerIdOf(api(1).row(kMembers, id(2))), id(2));
 }

@@ -15,6 +15,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QScopedPointer>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include "Lab.h"
@@ -148,11 +149,23 @@ void tst_LabScript::cleanupTestCase()
 
 void tst_LabScript::refusesWithoutRoot()
 {
+    // A copy the unprivileged user can read wherever the checkout lives.
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QVERIFY(QDir(dir.path()).mkpath(QStringLiteral("scripts")));
+    const QString script = dir.filePath(QStringLiteral("scripts/lab"));
+    QVERIFY(QFile::copy(Lab::script(), script));
+    const QFileDevice::Permissions readable = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+        | QFileDevice::ReadGroup | QFileDevice::ExeGroup | QFileDevice::ReadOther | QFileDevice::ExeOther;
+    QVERIFY(QFile::setPermissions(dir.path(), readable));
+    QVERIFY(QFile::setPermissions(dir.filePath(QStringLiteral("scripts")), readable));
+    QVERIFY(QFile::setPermissions(script, readable));
+
     QProcess process;
     process.setProcessEnvironment(m_lab->environment());
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
-                                              QStringLiteral("--clear-groups"), QStringLiteral("bash"), Lab::script(),
+                                              QStringLiteral("--clear-groups"), QStringLiteral("bash"), script,
                                               QStringLiteral("up"), QStringLiteral("2")});
     QVERIFY(process.waitForFinished(10000));
     const QString output = QString::fromLocal8Bit(process.readAll());
