@@ -61,7 +61,7 @@ Stats stats(std::vector<double> values)
 
 void printRow(const char* what, const Stats& s, const char* unit)
 {
-    std::printf("| %-44s | %5d | %8.1f | %8.1f | %8.1f | %8.1f | %8.1f | %-2s |\n", what, s.n, s.p50, s.p95, s.p99,
+    std::printf("| %-45s | %5d | %8.1f | %8.1f | %8.1f | %8.1f | %8.1f | %-2s |\n", what, s.n, s.p50, s.p95, s.p99,
                 s.min, s.max, unit);
 }
 
@@ -218,9 +218,9 @@ int main(int argc, char** argv)
     std::printf("\nLab benchmark: 3 devices; resend %d ms, time-out %d ms, discovery %d ms; %s, %ld cores\n\n",
                 options.resendMs, options.timeoutMs, options.discoveryMs, qPrintable(cpuModel()),
                 sysconf(_SC_NPROCESSORS_ONLN));
-    std::printf("| %-44s | %5s | %8s | %8s | %8s | %8s | %8s | %-2s |\n", "measure", "n", "p50", "p95", "p99", "min", "max", "");
+    std::printf("| %-45s | %5s | %8s | %8s | %8s | %8s | %8s | %-2s |\n", "measure", "n", "p50", "p95", "p99", "min", "max", "");
     std::printf("|%s|-------|----------|----------|----------|----------|----------|----|\n",
-                "----------------------------------------------");
+                "-----------------------------------------------");
     printRow("join: request on B -> row on A's events", stats(joinMs), "ms");
     printRow("leave: request on B -> row gone on A's events", stats(leaveMs), "ms");
     printRow("SIGKILL of B -> row gone on A's events", stats(killMs), "ms");
