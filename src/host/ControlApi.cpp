@@ -84,6 +84,35 @@ QString titleOf(CMNode* node)
     return ui ? ui->title().toString() : QString();
 }
 
+// Fails `reply` with 404 when `path` holds no value, saying what is there
+// instead (and, to a reader of a list, where its rows are). Runs on the
+// event loop. True when it failed the reply.
+bool failUnlessValue(const QString& path, bool reading, const CMReply<QVariant>& reply, int* status)
+{
+    if (CMRoot()->hasValue(path))
+        return false;
+    *status = 404;
+    CMNode* node = CMRoot()->findNode(path);
+    if (!node) {
+        reply.setError(notFound(QStringLiteral("No value at %1").arg(path)));
+        return true;
+    }
+    const QString hint = reading && qobject_cast<CMListRowsNode*>(node)
+        ? QStringLiteral("; read it with GET /api/v1/rows?path=") + path
+        : QString();
+    reply.setError(notFound(QStringLiteral("%1 is a %2 node, not a value%3").arg(path, kindOf(node), hint)));
+    return true;
+}
+
+// {"path": P, "value": V} for a value path.
+QVariantHash valueAnswer(const QString& path)
+{
+    QVariantHash answer;
+    answer.insert(QStringLiteral("path"), path);
+    answer.insert(QStringLiteral("value"), CMRoot()->getValue(path));
+    return answer;
+}
+
 } // namespace
 
 ControlApi::ControlApi(const Options& options, QObject* parent)
@@ -410,21 +439,9 @@ void ControlApi::handleGetValue(const Request& request, Response& response)
         return;
     const LoopOutcome outcome = runOnLoop(
         [path](const CMReply<QVariant>& reply, int* status) {
-            if (!CMRoot()->hasValue(path)) {
-                *status = 404;
-                CMNode* node = CMRoot()->findNode(path);
-                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not a value%3")
-                                                   .arg(path, kindOf(node),
-                                                        qobject_cast<CMListRowsNode*>(node)
-                                                            ? QStringLiteral("; read it with GET /api/v1/rows?path=") + path
-                                                            : QString())
-                                             : QStringLiteral("No value at %1").arg(path)));
+            if (failUnlessValue(path, true, reply, status))
                 return;
-            }
-            QVariantHash result;
-            result.insert(QStringLiteral("path"), path);
-            result.insert(QStringLiteral("value"), CMRoot()->getValue(path));
-            reply.setResult(result);
+            reply.setResult(valueAnswer(path));
         },
         DefaultWaitMs);
     answer(outcome, DefaultWaitMs, response);
@@ -447,23 +464,15 @@ void ControlApi::handlePutValue(const Request& request, Response& response)
     }
     const LoopOutcome outcome = runOnLoop(
         [path, value](const CMReply<QVariant>& reply, int* status) {
-            if (!CMRoot()->hasValue(path)) {
-                *status = 404;
-                CMNode* node = CMRoot()->findNode(path);
-                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not a value").arg(path, kindOf(node))
-                                             : QStringLiteral("No value at %1").arg(path)));
+            if (failUnlessValue(path, false, reply, status))
                 return;
-            }
             const QString refusal = CMRoot()->storeValue(path, value);
             if (!refusal.isEmpty()) {
                 *status = 422;
                 reply.setError(makeError(QStringLiteral("Refused"), QStringLiteral("Value refused"), refusal));
                 return;
             }
-            QVariantHash result;
-            result.insert(QStringLiteral("path"), path);
-            result.insert(QStringLiteral("value"), CMRoot()->getValue(path));
-            reply.setResult(result);
+            reply.setResult(valueAnswer(path));
         },
         DefaultWaitMs);
     answer(outcome, DefaultWaitMs, response);

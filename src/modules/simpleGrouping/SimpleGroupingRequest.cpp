@@ -55,16 +55,18 @@ int SimpleGroupingRequest::TimeoutContainer::peek() const
     return earliest;
 }
 
+QString SimpleGroupingRequest::TimeoutContainer::firstIdWithDeadline(int deadline) const
+{
+    for (auto it = m_timeouts.constBegin(); it != m_timeouts.constEnd(); ++it) {
+        if (it.value() == deadline)
+            return it.key();
+    }
+    return QString();
+}
+
 QString SimpleGroupingRequest::TimeoutContainer::pop()
 {
-    const int earliest = peek();
-    QString id;
-    for (auto it = m_timeouts.constBegin(); it != m_timeouts.constEnd(); ++it) {
-        if (it.value() == earliest) {
-            id = it.key();
-            break;
-        }
-    }
+    const QString id = firstIdWithDeadline(peek());
     if (!id.isEmpty())
         m_timeouts.remove(id);
     LOG4CPLUS_TRACE(containerLogger(), "TimeoutContainer::pop : Remove device: " << id);
@@ -74,13 +76,7 @@ QString SimpleGroupingRequest::TimeoutContainer::pop()
 int SimpleGroupingRequest::TimeoutContainer::nextTimeout() const
 {
     const int earliest = peek();
-    QString id;
-    for (auto it = m_timeouts.constBegin(); it != m_timeouts.constEnd(); ++it) {
-        if (it.value() == earliest) {
-            id = it.key();
-            break;
-        }
-    }
+    const QString id = firstIdWithDeadline(earliest);
     int timeout = (earliest - now()) * 1000;
     if (timeout < 0)
         timeout = 0;

@@ -64,6 +64,10 @@ public:
         void printAll() const;
 
     private:
+        // The id of the first entry, in iteration order, whose deadline is
+        // `deadline`; empty when none.
+        QString firstIdWithDeadline(int deadline) const;
+
         QHash<QString, int> m_timeouts;
     };
 
