@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test demo bench bench-link bench-lab clean
 
 all: build
 
@@ -25,6 +25,12 @@ demo: build
 
 bench: build
 	bash scripts/bench
+
+bench-link: build
+	bash scripts/bench-link
+
+bench-lab: build
+	bash scripts/bench-lab
 
 clean:
 	rm -rf $(BUILD_DIR)
