@@ -118,6 +118,9 @@ QVariantHash valueAnswer(const QString& path)
 ControlApi::ControlApi(const Options& options, QObject* parent)
     : QObject(parent), m_options(options), m_server(new httplib::Server), m_events(new EventStream(this))
 {
+    // Events go out as small writes back to back; with Nagle's algorithm the
+    // second waits for the client's delayed ACK (~40 ms).
+    m_server->set_tcp_nodelay(true);
 }
 
 ControlApi::~ControlApi()
