@@ -121,7 +121,7 @@ SimpleGroupingRequest::SimpleGroupingRequest(CMNodes* nodes, CMListRowsNode* mem
 void SimpleGroupingRequest::on_groupingRequest_activated(const CMSetDataRequest& request)
 {
     const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingRequest");
-    LOG4CPLUS_TRACE(logger(), Q_FUNC_INFO << " Value: " << TarvHash(request.value().toHash()));
+    LOG4CPLUS_TRACE(logger(), Q_FUNC_INFO << "Value: " << TarvHash(request.value().toHash()));
 
     const TarvHash map(request.value().toHash());
     if (map.isEmpty()) {

@@ -195,10 +195,12 @@ private Q_SLOTS:
         QCOMPARE(signalCount(), 1);
         QCOMPARE(m_log->count(DEBUG_LOG_LEVEL, "Received command: " + value.toJson(false), Request), 1);
         QCOMPARE(m_log->count(TRACE_LOG_LEVEL, "emit requestJoinTranscoder(" + master.toJson(false) + ")", Request), 1);
-        QCOMPARE(m_log->countStartingWith(TRACE_LOG_LEVEL,
-                                          "void SimpleGroupingRequest::on_groupingRequest_activated(const "
-                                          "CMSetDataRequest&) Value: ",
-                                          Request),
+        // The signature runs straight into "Value: ", without a space.
+        QCOMPARE(m_log->count(TRACE_LOG_LEVEL,
+                              "void SimpleGroupingRequest::on_groupingRequest_activated(const "
+                              "CMSetDataRequest&)Value: "
+                                  + value.toJson(false),
+                              Request),
                  1);
         QCOMPARE(m_log->count(TRACE_LOG_LEVEL, "Leave SimpleGroupingRequest::on_groupingRequest_activated", Request),
                  1);
