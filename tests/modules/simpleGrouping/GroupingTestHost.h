@@ -15,6 +15,7 @@
 #include <tarv>
 
 #include "ChildProcess.h"
+#include "ModuleTestSupport.h"
 
 // What a device's host holds for the module, set up per test: the own
 // record, the device state (empty until the module writes it), the two
@@ -92,15 +93,6 @@ inline TarvRoles membersRow(const QString& id)
 inline CMListRowsNode* membersNode()
 {
     return qobject_cast<CMListRowsNode*>(CMRoot()->findNode(TarvGroupingMembersPath()));
-}
-
-// A UDP port nobody on this machine listens on right now (on every
-// interface, as the module's listener binds).
-inline quint16 freeUdpPort()
-{
-    QUdpSocket probe;
-    probe.bind(QHostAddress(QHostAddress::Any), 0);
-    return probe.localPort();
 }
 
 // Waits (bounded) for the next datagram on `socket` and returns its payload;

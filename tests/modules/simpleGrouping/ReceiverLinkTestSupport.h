@@ -9,18 +9,11 @@
 #include <QList>
 #include <QUdpSocket>
 
+#include "ModuleTestSupport.h"
+
 // Helpers for tests that speak the receiver link over real UDP on the
 // loopback interface.
 namespace ReceiverLinkTestSupport {
-
-// A UDP port that was free a moment ago on every interface.
-inline quint16 freeUdpPort()
-{
-    QUdpSocket probe;
-    if (!probe.bind(QHostAddress::Any, 0, QAbstractSocket::DontShareAddress))
-        return 0;
-    return probe.localPort();
-}
 
 // Reads every datagram that reached `sink` before a sentinel datagram sent
 // now from another socket of this thread. Loopback delivers one thread's

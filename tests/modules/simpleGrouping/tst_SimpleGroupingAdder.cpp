@@ -112,6 +112,12 @@ private Q_SLOTS:
         m_log.clear();
     }
 
+    void metaObjectDeclaresTwoSlotsInOrderAndNoSignal()
+    {
+        QCOMPARE(declaredMethods(SimpleGroupingAdder::staticMetaObject),
+                 QStringList({QStringLiteral("slot on_timer_timeout()"), QStringLiteral("slot on_addrLookup(QHostInfo)")}));
+    }
+
     void constructionSendsNothing()
     {
         setResendPeriod(50);

@@ -94,6 +94,16 @@ private Q_SLOTS:
 
     // --- construction and start-up ---
 
+    void metaObjectDeclaresSlotsInOrderAndNoSignal()
+    {
+        QCOMPARE(declaredMethods(SimpleGroupingCtrl::staticMetaObject),
+                 (QStringList{"slot on_joinTranscoder(TarvSystemMember)", "slot on_leaveTranscoder()",
+                              "slot on_requestAddReceiver(TarvSystemMember)",
+                              "slot on_requestRemoveReceiver(TarvSystemMember)",
+                              "slot on_systemMember_itemChanged(TarvValue,TarvValue)",
+                              "slot on_systemMembers_itemChanged(TarvRoles,TarvRoles)"}));
+    }
+
     void constructorPublishesMembersNodeInParentList()
     {
         createCtrl();

@@ -123,6 +123,18 @@ private Q_SLOTS:
 
     // --- the grouping-request node ---
 
+    void metaObjectDeclaresSignalsThenSlotsInOrder()
+    {
+        // The misspelt slot names are part of the interface.
+        QCOMPARE(declaredMethods(SimpleGroupingRequest::staticMetaObject),
+                 (QStringList{"signal requestAddReceiver(TarvSystemMember)",
+                              "signal requestRemoveReceiver(TarvSystemMember)",
+                              "signal requestJoinTranscoder(TarvSystemMember)", "signal requestLeaveTranscoder()",
+                              "slot on_groupingRequest_activated(CMSetDataRequest)",
+                              "slot on_addReceiever(TarvSystemMember)", "slot on_removeReceiever(TarvSystemMember)",
+                              "slot on_timeout()"}));
+    }
+
     void constructionPublishesRequestNode()
     {
         createRequest(3000);

@@ -97,6 +97,14 @@ private Q_SLOTS:
         m_log.clear();
     }
 
+    void metaObjectDeclaresSignalsThenSlot()
+    {
+        QCOMPARE(declaredMethods(SimpleGroupingSocket::staticMetaObject),
+                 QStringList({QStringLiteral("signal addReceiver(TarvSystemMember)"),
+                              QStringLiteral("signal removeReceiver(TarvSystemMember)"),
+                              QStringLiteral("slot on_readyRead()")}));
+    }
+
     void constructionLogsOnlyItsTraceScope()
     {
         SimpleGroupingSocket listener;

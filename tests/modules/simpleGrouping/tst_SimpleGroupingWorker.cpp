@@ -1,14 +1,11 @@
 #include <dlfcn.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 
 #include <QSignalSpy>
 #include <QtTest>
 
-#include <log4cplus/appender.h>
-#include <log4cplus/logger.h>
 #include <log4cplus/spi/loggingevent.h>
 
 #include <model/cmrequest>
@@ -30,27 +27,6 @@ using WorkerCreate = CMAbstractWorker* (*)(void* first, const QVariantHash& sett
 const QString Worker = QStringLiteral("SimpleGroupingWorker");
 const char* const RemoveReceiverSignal = "requestRemoveReceiver(TarvSystemMember)";
 
-// Notes the moment the worker's init() starts, as it is logged.
-class InitMoment : public log4cplus::Appender
-{
-public:
-    ~InitMoment() override { destructorImpl(); }
-    void close() override {}
-
-    std::atomic<bool> seen{false};
-    std::chrono::steady_clock::time_point at;
-
-protected:
-    void append(const spi::InternalLoggingEvent& event) override
-    {
-        if (!seen && event.getLoggerName() == "SimpleGroupingWorker"
-            && event.getMessage() == "Enter SimpleGroupingWorker::init") {
-            at = std::chrono::steady_clock::now();
-            seen = true;
-        }
-    }
-};
-
 } // namespace
 
 // The module as a host loads it: the built shared object opened with
@@ -62,8 +38,10 @@ class tst_SimpleGroupingWorker : public QObject
 
 private:
     std::unique_ptr<LogCapture> m_log;
-    log4cplus::SharedAppenderPtr m_initMomentAppender;
-    InitMoment* m_initMoment = nullptr;
+    // The moment the worker's init() starts, as it is logged.
+    std::unique_ptr<LogHook> m_initHook;
+    bool m_initSeen = false;
+    std::chrono::steady_clock::time_point m_initAt;
     std::unique_ptr<GroupingTestHost> m_host;
     void* m_module = nullptr;
     WorkerCreate m_workerCreate = nullptr;
@@ -85,9 +63,13 @@ private Q_SLOTS:
     void initTestCase()
     {
         m_log = std::make_unique<LogCapture>();
-        m_initMoment = new InitMoment;
-        m_initMomentAppender = log4cplus::SharedAppenderPtr(m_initMoment);
-        Logger::getRoot().addAppender(m_initMomentAppender);
+        m_initHook = std::make_unique<LogHook>([this](const spi::InternalLoggingEvent& event) {
+            if (!m_initSeen && event.getLoggerName() == "SimpleGroupingWorker"
+                && event.getMessage() == "Enter SimpleGroupingWorker::init") {
+                m_initAt = std::chrono::steady_clock::now();
+                m_initSeen = true;
+            }
+        });
 
         // A device's host: own record, time settings, member list; the
         // receiver link on a port nobody else uses.
@@ -110,7 +92,7 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        Logger::getRoot().removeAppender(m_initMomentAppender);
+        m_initHook.reset();
         // The worker and the module stay: the module's components live for
         // the whole process, as they do in a host.
     }
@@ -137,6 +119,13 @@ private Q_SLOTS:
         QVERIFY(m_worker->metaObject()->indexOfSignal(RemoveReceiverSignal) >= 0);
         QVERIFY(m_worker->metaObject()->indexOfSlot("init()") >= 0);
         QVERIFY(m_worker->metaObject()->indexOfSlot("on_remove_receiver(CMSetDataRequest)") >= 0);
+    }
+
+    void metaObjectDeclaresSignalThenSlotsInOrder()
+    {
+        QCOMPARE(declaredMethods(*m_worker->metaObject()),
+                 QStringList({QStringLiteral("signal requestRemoveReceiver(TarvSystemMember)"),
+                              QStringLiteral("slot init()"), QStringLiteral("slot on_remove_receiver(CMSetDataRequest)")}));
     }
 
     void publishesItsListNodeTitledVopGrouping()
@@ -166,9 +155,8 @@ private Q_SLOTS:
     void initRunsOnceAbout100msAfterConstruction()
     {
         QCOMPARE(m_initRunsWhenCreated, 0);
-        QVERIFY(m_initMoment->seen);
-        const qint64 delay
-            = std::chrono::duration_cast<std::chrono::milliseconds>(m_initMoment->at - m_created).count();
+        QVERIFY(m_initSeen);
+        const qint64 delay = std::chrono::duration_cast<std::chrono::milliseconds>(m_initAt - m_created).count();
         qInfo("init ran %lld ms after construction", static_cast<long long>(delay));
         QVERIFY2(delay >= 99 && delay < 400, qPrintable(QStringLiteral("init ran after %1 ms").arg(delay)));
         QCOMPARE(initRuns(), 1);
