@@ -218,6 +218,80 @@ private Q_SLOTS:
                  1);
     }
 
+    // The reply is failed first and the ERROR line written after it.
+    void refusalAnswersBeforeItLogs_data()
+    {
+        QTest::addColumn<TarvHash>("value");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("empty") << TarvHash() << "Empty grouping request";
+        QTest::newRow("join without master") << groupingRequest(1) << "Missing grouping master in request";
+        QTest::newRow("join with master without id")
+            << groupingRequest(1, makeMember("", "Tango"), true) << "Missing grouping master id";
+        QTest::newRow("command 2") << groupingRequest(2) << "valid command ";
+    }
+
+    void refusalAnswersBeforeItLogs()
+    {
+        QFETCH(TarvHash, value);
+        QFETCH(QString, text);
+        createRequest(3000);
+        const CMReply<QVariant> reply;
+        QStringList answeredWhenLogged;
+        LogHook hook([&](const log4cplus::spi::InternalLoggingEvent& event) {
+            if (event.getLogLevel() == ERROR_LOG_LEVEL && event.getLoggerName() == Request.toStdString())
+                answeredWhenLogged.append(reply.hasError() ? reply.error().message() : QStringLiteral("<no answer>"));
+        });
+
+        CMRoot()->invoke(TarvGroupingRequestPath(), value, reply);
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 2000);
+        QCOMPARE(answeredWhenLogged, QStringList{text});
+        QCOMPARE(reply.error().message(), text);
+        QCOMPARE(signalCount(), 0);
+    }
+
+    // The host's invoke queues anyway; the node itself must queue too, so a
+    // host that activates it directly does not run the handler inside its
+    // own call.
+    void activationIsHandledThroughTheEventLoop()
+    {
+        createRequest(3000);
+        auto* node = qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingRequestPath()));
+        QVERIFY(node);
+        const CMReply<QVariant> reply;
+        node->activate(CMSetDataRequest(TarvGroupingRequestPath(), groupingRequest(-1).toVariant(), reply));
+        QCOMPARE(m_left->count(), 0);
+        QVERIFY(!reply.isFinished());
+        QTRY_COMPARE_WITH_TIMEOUT(m_left->count(), 1, 2000);
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 2000);
+        QCOMPARE(reply.result(), QVariant(true));
+        QCOMPARE(signalCount(), 1);
+    }
+
+    // A value that is no map at all reads as an empty one.
+    void valueThatIsNoMapRefusedAsEmpty_data()
+    {
+        QTest::addColumn<QVariant>("value");
+        QTest::newRow("string") << QVariant(QStringLiteral("join"));
+        QTest::newRow("number") << QVariant(1);
+        QTest::newRow("list") << QVariant(QVariantList{1, QStringLiteral("T")});
+        QTest::newRow("nothing") << QVariant();
+    }
+
+    void valueThatIsNoMapRefusedAsEmpty()
+    {
+        QFETCH(QVariant, value);
+        createRequest(3000);
+        auto* node = qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingRequestPath()));
+        QVERIFY(node);
+        const CMReply<QVariant> reply;
+        node->activate(CMSetDataRequest(TarvGroupingRequestPath(), value, reply));
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 2000);
+        QVERIFY(reply.hasError());
+        QCOMPARE(reply.error().message(), QStringLiteral("Empty grouping request"));
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Request), QStringList{"Empty grouping request"});
+        QCOMPARE(signalCount(), 0);
+    }
+
     void leaveIgnoresAnyMaster_data()
     {
         QTest::addColumn<bool>("withMaster");
@@ -229,7 +303,15 @@ private Q_SLOTS:
     {
         QFETCH(bool, withMaster);
         createRequest(3000);
-        const CMReply<QVariant> reply = invoke(groupingRequest(-1, makeMember("T", "Tango"), withMaster));
+        CMReply<QVariant> reply;
+        // Answered only after the signal has been emitted.
+        QList<bool> finishedAtEmission;
+        QObject context;
+        tarvConnect(m_request, &SimpleGroupingRequest::requestLeaveTranscoder, &context,
+                    [&] { finishedAtEmission.append(reply.isFinished()); });
+        CMRoot()->invoke(TarvGroupingRequestPath(), groupingRequest(-1, makeMember("T", "Tango"), withMaster), reply);
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 2000);
+        QCOMPARE(finishedAtEmission, QList<bool>{false});
         QVERIFY(!reply.hasError());
         QCOMPARE(reply.result(), QVariant(true));
         QCOMPARE(m_left->count(), 1);
@@ -461,6 +543,17 @@ private Q_SLOTS:
     }
 
     // --- the deadline container ---
+
+    // Never asked by the module (it tests isEmpty() first); answered with a
+    // plain 0 rather than anything undefined.
+    void containerPeekOnEmptyIsZero()
+    {
+        SimpleGroupingRequest::TimeoutContainer container;
+        QCOMPARE(container.peek(), 0);
+        container.add("a", 1000);
+        container.remove("a");
+        QCOMPARE(container.peek(), 0);
+    }
 
     void containerAddReportsNewIds()
     {
