@@ -364,21 +364,38 @@ private Q_SLOTS:
         QCOMPARE(adderStarts(), 0);
     }
 
+    void joinWithoutHostTakesSystemMembersRecord_data()
+    {
+        QTest::addColumn<QString>("id");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("ipAddress");
+        QTest::newRow("host and address alike") << "T" << "Tango" << "127.0.0.1";
+        // The sender gets the row's host, never its address.
+        QTest::newRow("host and address apart") << "V" << "Victor" << "10.0.0.99";
+    }
+
     void joinWithoutHostTakesSystemMembersRecord()
     {
+        QFETCH(QString, id);
+        QFETCH(QString, name);
+        QFETCH(QString, ipAddress);
+        const TarvSystemMember known = makeMember(id, name, "127.0.0.1", ipAddress);
+        m_host->setSystemMember(known);
         QVERIFY(startCtrl());
         QTRY_COMPARE_WITH_TIMEOUT(
-            m_log->countStartingWith(TRACE_LOG_LEVEL, "Enter SimpleGroupingCtrl::on_systemMembers_itemChanged", Ctrl), 3,
-            2000);
+            m_log->countStartingWith(TRACE_LOG_LEVEL, "Enter SimpleGroupingCtrl::on_systemMembers_itemChanged", Ctrl),
+            m_host->systemMembers()->rowsSize(), 2000);
         m_log->clear();
 
         TarvSystemMember idOnly;
-        idOnly.setId("T");
+        idOnly.setId(id);
         m_ctrl->on_joinTranscoder(idOnly);
         QCOMPARE(m_log->count(INFO_LOG_LEVEL,
-                              "joinTranscoder: Tango id: T host name: '127.0.0.1' ip address: '127.0.0.1'", Ctrl),
+                              "joinTranscoder: " + name + " id: " + id + " host name: '127.0.0.1' ip address: '"
+                                  + ipAddress + "'",
+                              Ctrl),
                  1);
-        QCOMPARE(ownGroupingMember().master(), m_tango);
+        QCOMPARE(ownGroupingMember().master(), known);
         QCOMPARE(m_log->count(TRACE_LOG_LEVEL, "Starting to send new message '" + ownJson() + "' to 127.0.0.1",
                               "SimpleGroupingAdder"),
                  1);
@@ -400,6 +417,28 @@ private Q_SLOTS:
         QCOMPARE(m_log->count(TRACE_LOG_LEVEL, "Starting to send new message '" + ownJson() + "' to 127.0.0.1",
                               "SimpleGroupingAdder"),
                  2);
+    }
+
+    // A new master changes only master and follower of the existing own row:
+    // its title and anything else it carries stay.
+    void joinKeepsOwnRowTitleAndOtherContent()
+    {
+        QVERIFY(startCtrl());
+        TarvRoles own = membersRow("A");
+        own.insert("extra", QStringLiteral("kept"));
+        membersNode()->rowsSetById(own);
+        const TarvSystemMember renamed = makeMember("A", "Alpha Two", "alpha.local", "10.0.0.1");
+        GroupingTestHost::setOwnRecord(renamed);
+        QTRY_COMPARE_WITH_TIMEOUT(m_ctrl->readMyName(), QStringLiteral("Alpha Two"), 1000);
+
+        m_ctrl->on_joinTranscoder(m_tango);
+        const TarvRoles after = membersRow("A");
+        QCOMPARE(after.title().toString(), QStringLiteral("Alpha"));
+        QCOMPARE(after.hash().value("extra").toString(), QStringLiteral("kept"));
+        QCOMPARE(after.type(), TarvRolesType::GroupingMember);
+        QCOMPARE(after.value().groupingMember().master(), m_tango);
+        QCOMPARE(after.value().groupingMember().follower(), renamed);
+        QCOMPARE(membersNode()->rowsSize(), 1);
     }
 
     void leaveWhileTranscoderOnlyLogs()
@@ -548,10 +587,17 @@ private Q_SLOTS:
         QSignalSpy rows(membersNode(), &CMListRowsNode::rowChanged);
         m_log->clear();
 
-        GroupingTestHost::setOwnRecord(makeMember("A", "Alpha Renamed", "alpha.local", "10.0.0.1"));
+        const TarvSystemMember renamed = makeMember("A", "Alpha Renamed", "alpha.local", "10.0.0.1");
+        GroupingTestHost::setOwnRecord(renamed);
         QTRY_COMPARE_WITH_TIMEOUT(m_ctrl->readMyName(), QStringLiteral("Alpha Renamed"), 1000);
         QCOMPARE(m_log->countStartingWith(TRACE_LOG_LEVEL, "Enter SimpleGroupingCtrl::on_systemMember_itemChanged: ",
                                           Ctrl),
+                 1);
+        QCOMPARE(m_log->count(TRACE_LOG_LEVEL,
+                              "Enter SimpleGroupingCtrl::on_systemMember_itemChanged: newValue: "
+                                  + TarvValue().setSystemMember(renamed).toJson(false) + " oldValue: "
+                                  + TarvValue().setSystemMember(m_self).toJson(false),
+                              Ctrl),
                  1);
         QCOMPARE(rows.count(), 0);
         QCOMPARE(m_log->countStartingWith(DEBUG_LOG_LEVEL, "current SystemMemberTranscoderState", Ctrl), 0);
@@ -617,6 +663,12 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(
             m_log->countStartingWith(TRACE_LOG_LEVEL, "Enter SimpleGroupingCtrl::on_systemMembers_itemChanged", Ctrl), 1,
             1000);
+        // ": " and then " SystemMember changed...": two spaces.
+        QCOMPARE(m_log->count(TRACE_LOG_LEVEL,
+                              "Enter SimpleGroupingCtrl::on_systemMembers_itemChanged:  SystemMember changed. oldRole: "
+                                  + GroupingTestHost::row(m_uniform).toJson(false) + "; newRole: {}",
+                              Ctrl),
+                 1);
         QCOMPARE(m_log->messages(INFO_LOG_LEVEL, Ctrl), QStringList());
         QCOMPARE(GroupingTestHost::deviceState().type(), TarvTranscoderState::Receiver);
         QCOMPARE(ownGroupingMember().master(), m_tango);
