@@ -335,6 +335,28 @@ private Q_SLOTS:
         QCOMPARE(membersNode()->rowsSize(), 1);
     }
 
+    // A value that is no hash names nobody: the controller is asked to
+    // remove the row with the empty id, and there is none.
+    void removeReceiverActionWithValueThatIsNoHashRemovesNothing()
+    {
+        useFreePort();
+        QVERIFY(startWorker(3000));
+        sendToListener("add" + makeMember("R", "Romeo").toJson(false));
+        QTRY_VERIFY_WITH_TIMEOUT(!membersRow("R").isEmpty(), 2000);
+        const QList<TarvRoles> before = membersNode()->rolesList();
+        QSignalSpy rows(membersNode(), &CMListRowsNode::rowChanged);
+        auto* action = qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingMembersRemoveReceiverPath()));
+        QVERIFY(action);
+
+        const CMReply<QVariant> reply;
+        action->activate(CMSetDataRequest(TarvGroupingMembersRemoveReceiverPath(), QVariant(QStringLiteral("R")), reply));
+        QTRY_COMPARE_WITH_TIMEOUT(
+            m_log->count(INFO_LOG_LEVEL, "SimpleGroupingCtrl::on_requestRemoveReceiver removeReceiver: ", Ctrl), 1, 1000);
+        QCOMPARE(membersNode()->rolesList(), before);
+        QCOMPARE(rows.count(), 0);
+        QCOMPARE(membersNode()->rowsSize(), 2);
+    }
+
     void removeReceiverActionOnReceiver()
     {
         QVERIFY(useSink());
