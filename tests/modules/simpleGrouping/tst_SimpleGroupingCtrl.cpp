@@ -172,6 +172,13 @@ private Q_SLOTS:
         QVERIFY(m_log->count(TRACE_LOG_LEVEL, "Leave SimpleGroupingCtrl::readMySystemMemberData: " + ownJson(), Ctrl)
                 >= 1);
 
+        // One call, one record read: its trace and the caller's.
+        m_log->clear();
+        QCOMPARE(m_ctrl->readMyId(), QStringLiteral("A"));
+        QCOMPARE(m_log->messages(TRACE_LOG_LEVEL, Ctrl),
+                 (QStringList{"Leave SimpleGroupingCtrl::readMySystemMemberData: " + ownJson(),
+                              "Leave SimpleGroupingCtrl::readMyId: A"}));
+
         GroupingTestHost::setOwnRecord(makeMember("A", "Alpha Two"));
         QCOMPARE(m_ctrl->readMyName(), QStringLiteral("Alpha Two"));
     }
@@ -400,6 +407,24 @@ private Q_SLOTS:
                               "SimpleGroupingAdder"),
                  1);
         QCOMPARE(nextDatagram(*m_sink), "add" + ownJson());
+    }
+
+    // A host name that does not resolve is no reason to refuse: the device
+    // becomes a receiver and the sender keeps trying to resolve it.
+    void joinWithUnresolvableHostAccepted()
+    {
+        QVERIFY(startCtrl());
+        m_log->clear();
+        const TarvSystemMember whiskey = makeMember("W", "Whiskey", "no-such-host.invalid", "10.0.0.5");
+
+        m_ctrl->on_joinTranscoder(whiskey);
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Ctrl), QStringList());
+        QCOMPARE(GroupingTestHost::deviceState().type(), TarvTranscoderState::Receiver);
+        QCOMPARE(ownGroupingMember().master(), whiskey);
+        QCOMPARE(adderStarts(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(
+            m_log->countStartingWith(ERROR_LOG_LEVEL, "Address lookup failed: ", "SimpleGroupingAdder"), 1, 2000);
+        QCOMPARE(nextDatagram(*m_sink, 0), QByteArray());
     }
 
     void secondJoinReplacesMasterInOwnRow()

@@ -128,6 +128,18 @@ private Q_SLOTS:
         QCOMPARE(m_log->count(INFO_LOG_LEVEL, "Created SimpleGroupingRequest", Request), 1);
     }
 
+    // The module reads none of its settings; the base worker keeps them
+    // as the host gave them.
+    void settingsReachTheBaseWorkerUnchanged()
+    {
+        useFreePort();
+        m_host = std::make_unique<GroupingTestHost>(m_self, 3000, 200);
+        const QVariantHash settings{{QStringLiteral("anything"), 42}, {QStringLiteral("nested"), QVariantHash()}};
+        m_worker = new SimpleGroupingWorker(settings);
+        QCOMPARE(m_worker->settings(), settings);
+        QCOMPARE(m_worker->name(), QStringLiteral("SimpleGroupingWorker"));
+    }
+
     void componentsUnconnectedBeforeInit()
     {
         QVERIFY(useSink());
