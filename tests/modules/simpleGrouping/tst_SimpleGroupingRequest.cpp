@@ -672,6 +672,40 @@ private Q_SLOTS:
         QVERIFY2(next == 3000 || next == 2000, qPrintable(QString::number(next)));
     }
 
+    // Long time-outs, up to the largest the setting can hold: whole seconds
+    // times 1000 never exceed the time-out itself, so the interval stays
+    // exact and positive (a wrapped one would read as "due now").
+    void containerNextTimeoutForLongTimeouts_data()
+    {
+        QTest::addColumn<int>("timeoutMs");
+        QTest::addColumn<int>("seconds");
+        QTest::newRow("36 minutes") << 2160000 << 2160;
+        QTest::newRow("one hour") << 3600000 << 3600;
+        QTest::newRow("largest int") << INT_MAX << INT_MAX / 1000;
+    }
+
+    void containerNextTimeoutForLongTimeouts()
+    {
+        QFETCH(int, timeoutMs);
+        QFETCH(int, seconds);
+        for (;;) {
+            SimpleGroupingRequest::TimeoutContainer container;
+            const qint32 before = now();
+            container.add("far", timeoutMs);
+            m_log->clear();
+            const int next = container.nextTimeout();
+            if (now() != before)
+                continue;
+            const qint64 exact = qint64(seconds) * 1000;
+            QCOMPARE(qint64(next), exact);
+            QCOMPARE(m_log->messages(TRACE_LOG_LEVEL, Container),
+                     (QStringList{"TimeoutContainer::nextTimeout : Next Timeout for far is in " + QString::number(next)
+                                      + " milliseconds",
+                                  "Print all timeouts", "far  timeout in: " + QString::number(exact) + " ms", ""}));
+            break;
+        }
+    }
+
     void containerPrintAllListsEveryEntry()
     {
         // Adding and listing within one wall-clock second.
