@@ -15,6 +15,9 @@
 // loopback interface.
 namespace ReceiverLinkTestSupport {
 
+// Also reachable under this namespace, where the benchmark looks for it.
+using ::freeUdpPort;
+
 // Reads every datagram that reached `sink` before a sentinel datagram sent
 // now from another socket of this thread. Loopback delivers one thread's
 // datagrams to one socket in the order they were written, so the result is
