@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QNetworkInterface>
+#include <QUrl>
 
 #include <httplib.h>
 
@@ -63,6 +64,17 @@ CMError makeError(const QString& name, const QString& title, const QString& mess
 CMError notFound(const QString& message)
 {
     return makeError(QStringLiteral("NotFound"), QStringLiteral("Not found"), message);
+}
+
+CMError shuttingDown()
+{
+    return makeError(QStringLiteral("Unavailable"), QStringLiteral("Shutting down"),
+                     QStringLiteral("The host is shutting down"));
+}
+
+void sendError(httplib::Response& response, int status, const CMError& error)
+{
+    sendError(response, status, error.name(), error.title(), error.message());
 }
 
 QString methodList(const char* const* methods)
@@ -172,18 +184,31 @@ bool ControlApi::start(QString* error)
                           .arg(QString::fromStdString(host)));
             return httplib::Server::HandlerResponse::Handled;
         }
-        if (m_stopping) {
-            sendError(response, 503, QStringLiteral("Unavailable"), QStringLiteral("Shutting down"),
-                      QStringLiteral("The host is shutting down"));
+        if (request.has_header("Origin") && !originAllowed(request.get_header_value("Origin"), host)) {
+            const QString origin = QString::fromStdString(request.get_header_value("Origin"));
+            LOG4CPLUS_WARN(logger(), "Refused a request from the web page at " << origin << " from "
+                                                                               << QString::fromStdString(request.remote_addr));
+            sendError(response, 403, QStringLiteral("Forbidden"), QStringLiteral("Forbidden"),
+                      QStringLiteral("Requests from the web page at '%1' are refused; only this host's own page may "
+                                     "use the API from a browser")
+                          .arg(origin));
             return httplib::Server::HandlerResponse::Handled;
         }
+        if (m_stopping) {
+            sendError(response, 503, shuttingDown());
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        LOG4CPLUS_DEBUG(logger(), "Request " << QString::fromStdString(request.method + " " + request.path) << " from "
+                                             << QString::fromStdString(request.remote_addr));
         return httplib::Server::HandlerResponse::Unhandled;
     });
 
     server.set_error_handler(httplib::Server::HandlerWithResponse([](const Request& request, Response& response) {
         if (!response.body.empty())
             return httplib::Server::HandlerResponse::Unhandled;
-        const QString what = QString::fromStdString(request.method + " " + request.path);
+        // A request line httplib could not take leaves method and path empty.
+        const QString what = request.method.empty() ? QStringLiteral("The request")
+                                                    : QString::fromStdString(request.method + " " + request.path);
         switch (response.status) {
         case 404:
             sendError(response, 404, QStringLiteral("NotFound"), QStringLiteral("Not found"),
@@ -194,6 +219,10 @@ bool ControlApi::start(QString* error)
         case 413:
             sendError(response, 413, QStringLiteral("PayloadTooLarge"), QStringLiteral("Request body too large"),
                       QStringLiteral("The request body is larger than %1 bytes").arg(MaxBodyBytes));
+            break;
+        case 414:
+            sendError(response, 414, QStringLiteral("UriTooLong"), QStringLiteral("Request line too long"),
+                      QStringLiteral("The request line is longer than %1 bytes").arg(CPPHTTPLIB_REQUEST_URI_MAX_LENGTH));
             break;
         case 400:
             badRequest(response, QStringLiteral("The HTTP request is malformed"));
@@ -315,8 +344,7 @@ void ControlApi::stop()
             if (pending.reply.isFinished())
                 continue;
             *pending.status = 503;
-            pending.reply.setError(makeError(QStringLiteral("Unavailable"), QStringLiteral("Shutting down"),
-                                             QStringLiteral("The host is shutting down")));
+            pending.reply.setError(shuttingDown());
         }
     }
     if (m_thread.joinable()) {
@@ -352,6 +380,20 @@ bool ControlApi::hostAllowed(const std::string& hostHeader) const
     return m_allowedHosts.contains(host);
 }
 
+bool ControlApi::originAllowed(const std::string& originHeader, const std::string& hostHeader)
+{
+    const QUrl origin(QString::fromStdString(originHeader).trimmed(), QUrl::StrictMode);
+    // "null" (a sandboxed or local file page) names no host: never ours.
+    if (!origin.isValid() || origin.host().isEmpty())
+        return false;
+    const QUrl target(origin.scheme() + QStringLiteral("://") + QString::fromStdString(hostHeader).trimmed(),
+                      QUrl::StrictMode);
+    if (!target.isValid() || target.host().isEmpty())
+        return false;
+    const int defaultPort = origin.scheme() == QLatin1String("https") ? 443 : 80;
+    return origin.host() == target.host() && origin.port(defaultPort) == target.port(defaultPort);
+}
+
 ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
 {
     const CMReply<QVariant> reply;
@@ -359,6 +401,16 @@ ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
     std::list<Pending>::iterator pending;
     {
         std::lock_guard<std::mutex> locker(m_pendingMutex);
+        // A request that got past the door just before stop() would wait for
+        // a loop that no longer runs; stop() sets the flag before it answers
+        // the pending ones under this lock, so each request sees one or the other.
+        if (m_stopping) {
+            LoopOutcome refused;
+            refused.answered = true;
+            refused.status = 503;
+            refused.error = shuttingDown();
+            return refused;
+        }
         pending = m_pending.insert(m_pending.end(), Pending{reply, status});
     }
     QMetaObject::invokeMethod(

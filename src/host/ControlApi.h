@@ -36,9 +36,10 @@ class EventStream;
 //   GET  /api/v1/events                    text/event-stream
 //   GET  /                                 a small web page
 // Failures answer {"error": {"name","title","message"}}: 400 malformed
-// request, 403 foreign Host header, 404 unknown path or endpoint, 405 wrong
-// method, 413 body over 64 KiB, 422 value or action refused, 503 shutting
-// down or too many event streams, 504 no answer within the bound.
+// request, 403 foreign Host header or a foreign web page's Origin, 404
+// unknown path or endpoint, 405 wrong method, 413 body over 64 KiB, 414
+// request line too long, 422 value or action refused, 503 shutting down or
+// too many event streams, 504 no answer within the bound.
 class ControlApi : public QObject
 {
     Q_OBJECT
@@ -87,6 +88,10 @@ private:
     LoopOutcome runOnLoop(const LoopWork& work, int waitMs);
     void answer(const LoopOutcome& outcome, int waitMs, Response& response);
     bool hostAllowed(const std::string& hostHeader) const;
+    // A browser names the page a request comes from in its Origin header;
+    // only this host's own page (same host and port as the request's Host)
+    // may use the API, so that a foreign page cannot make the device act.
+    static bool originAllowed(const std::string& originHeader, const std::string& hostHeader);
     bool pathParameter(const Request& request, Response& response, QString* path);
 
     void handleHost(const Request& request, Response& response);

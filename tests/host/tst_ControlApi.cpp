@@ -3,6 +3,11 @@
 #include <memory>
 #include <mutex>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -51,6 +56,54 @@ QJsonValue parse(const char* json)
 {
     return QJsonDocument::fromJson(QByteArray("[") + json + "]").array().first();
 }
+
+// A plain TCP connection to 127.0.0.1, for requests httplib's client does
+// not send (a body that comes later). Reads wait at most 5 s.
+class RawConnection
+{
+public:
+    explicit RawConnection(quint16 port)
+        : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (m_fd >= 0 && ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            ::close(m_fd);
+            m_fd = -1;
+        }
+        const timeval timeout{5, 0};
+        if (m_fd >= 0)
+            ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    }
+    ~RawConnection()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+
+    bool isConnected() const { return m_fd >= 0; }
+    bool send(const std::string& data)
+    {
+        return ::send(m_fd, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
+    }
+    // Everything until the server closes the connection (or the read bound).
+    std::string readAll()
+    {
+        std::string text;
+        char buffer[4096];
+        ssize_t got = 0;
+        while ((got = ::recv(m_fd, buffer, sizeof buffer, 0)) > 0)
+            text.append(buffer, static_cast<size_t>(got));
+        return text;
+    }
+
+private:
+    int m_fd;
+};
 
 } // namespace
 
@@ -519,6 +572,61 @@ private Q_SLOTS:
         }
     }
 
+    void pagesOfOtherOriginsAreRefused_data()
+    {
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<QString>("origin");
+        QTest::addColumn<int>("status");
+        QTest::newRow("own page") << "127.0.0.1:%1" << "http://127.0.0.1:%1" << 200;
+        QTest::newRow("own page by name") << "tarv-test.local:%1" << "http://TARV-TEST.local:%1" << 200;
+        QTest::newRow("own page on port 80") << "tarv-test.local" << "http://tarv-test.local:80" << 200;
+        QTest::newRow("foreign page") << "127.0.0.1:%1" << "http://evil.example" << 403;
+        QTest::newRow("foreign page on this host name") << "127.0.0.1:%1" << "http://evil.example:%1" << 403;
+        QTest::newRow("another port of this host") << "127.0.0.1:%1" << "http://127.0.0.1:1" << 403;
+        QTest::newRow("another name of this host") << "127.0.0.1:%1" << "http://localhost:%1" << 403;
+        QTest::newRow("opaque") << "127.0.0.1:%1" << "null" << 403;
+        QTest::newRow("local file") << "127.0.0.1:%1" << "file://" << 403;
+        QTest::newRow("garbage") << "127.0.0.1:%1" << "http://[zz" << 403;
+    }
+
+    void pagesOfOtherOriginsAreRefused()
+    {
+        QFETCH(QString, host);
+        QFETCH(QString, origin);
+        QFETCH(int, status);
+        const QString port = QString::number(m_api->port());
+        const std::string hostHeader = QString(host).replace(QLatin1String("%1"), port).toStdString();
+        const std::string originHeader = QString(origin).replace(QLatin1String("%1"), port).toStdString();
+        LogCapture log;
+        m_handlers.lastValue = QVariant();
+        // A web page's POST needs no permission from the server first, so
+        // the refusal must come before the action runs.
+        const Answer answer = call("POST", query("/api/v1/invoke", "/test/echo"), R"({"from": "page"})",
+                                   {{"Host", hostHeader}, {"Origin", originHeader}});
+        QCOMPARE(answer.status, status);
+        if (status == 200) {
+            QCOMPARE(m_handlers.lastValue.toHash().value("from").toString(), QStringLiteral("page"));
+            return;
+        }
+        QVERIFY(!m_handlers.lastValue.isValid());
+        QCOMPARE(answer.message(), QStringLiteral("Requests from the web page at '%1' are refused; only this host's own "
+                                                  "page may use the API from a browser")
+                                       .arg(QString::fromStdString(originHeader)));
+        QCOMPARE(log.count(log4cplus::WARN_LOG_LEVEL,
+                           QStringLiteral("Refused a request from the web page at %1 from 127.0.0.1")
+                               .arg(QString::fromStdString(originHeader)),
+                           QStringLiteral("ControlApi")),
+                 1);
+    }
+
+    void anOverlongRequestLineIsExplained()
+    {
+        const Answer answer = call("GET", query("/api/v1/value", QLatin1Char('/') + QString(20000, QLatin1Char('a'))));
+        QCOMPARE(answer.status, 414);
+        QCOMPARE(answer.error().value("name").toString(), QStringLiteral("UriTooLong"));
+        QCOMPARE(answer.message(), QStringLiteral("The request line is longer than 8192 bytes"));
+    }
+
     void aRequestWithoutHostIsRefused()
     {
         const Answer answer = call("GET", "/api/v1/host", std::string(), {{"Host", ""}});
@@ -560,6 +668,40 @@ private Q_SLOTS:
         QCOMPARE(QJsonDocument::fromJson(QByteArray::fromStdString(answer.second)).object().value("error").toObject().value("message").toString(),
                  QStringLiteral("The host is shutting down"));
         m_handlers.held.clear();
+    }
+
+    void aRequestThatSlipsInWhileStoppingIsAnsweredAtOnce()
+    {
+        ControlApi api(apiOptions());
+        QString error;
+        QVERIFY2(api.start(&error), qPrintable(error));
+        const quint16 port = api.port();
+        LogCapture log;
+        RawConnection connection(port);
+        QVERIFY(connection.isConnected());
+        // The headers pass the door; the body comes only once stop() runs.
+        QVERIFY(connection.send(query("/api/v1/invoke", "/test/hold").insert(0, "POST ")
+                                + "&timeout_ms=60000 HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 2\r\n"
+                                  "Connection: close\r\n\r\n"));
+        QTRY_COMPARE_WITH_TIMEOUT(log.count(log4cplus::DEBUG_LOG_LEVEL,
+                                            QStringLiteral("Request POST /api/v1/invoke from 127.0.0.1"),
+                                            QStringLiteral("ControlApi")),
+                                  1, 5000);
+        // stop() waits for this connection's thread; the loop is not turned
+        // while it does, as in the daemon, where stop() follows the loop.
+        auto stopped = std::async(std::launch::async, [&api] { api.stop(); });
+        QTRY_VERIFY_WITH_TIMEOUT(!RawConnection(port).isConnected(), 5000);
+        QVERIFY(connection.send("{}"));
+        QElapsedTimer clock;
+        clock.start();
+        const QString answer = QString::fromStdString(connection.readAll());
+        QVERIFY2(answer.startsWith(QLatin1String("HTTP/1.1 503 ")), qPrintable(answer));
+        QVERIFY2(answer.endsWith(QLatin1String(
+                     R"({"error":{"message":"The host is shutting down","name":"Unavailable","title":"Shutting down"}})")),
+                 qPrintable(answer));
+        QVERIFY(clock.elapsed() < 3000);
+        QVERIFY(stopped.wait_for(std::chrono::seconds(5)) == std::future_status::ready);
+        QCOMPARE(m_handlers.held.size(), 0);
     }
 
     void stopRightAfterStartReturns()
