@@ -52,6 +52,20 @@ QString checkRecordFields(const QVariantHash& record)
         if (member.userType() != QMetaType::QString)
             return QStringLiteral("\"persistentGroupMembers\" holds something other than ids");
     }
+    // Ids and names end up in lists, logs and terminals: they must be what a
+    // host of ours could have announced. A missing id is counted apart.
+    const QString id = record.value(TarvSystemMember::Id()).toString();
+    if (!id.isEmpty()) {
+        const QString reason = HostValidators::checkDeviceId(id);
+        if (!reason.isEmpty())
+            return QStringLiteral("\"id\" is not a device id (%1)").arg(reason);
+    }
+    const QString name = record.value(TarvSystemMember::Name()).toString();
+    if (!name.isEmpty()) {
+        const QString reason = HostValidators::checkDeviceName(name);
+        if (!reason.isEmpty())
+            return QStringLiteral("\"name\" is not a device name (%1)").arg(reason);
+    }
     return QString();
 }
 

@@ -241,6 +241,18 @@ private Q_SLOTS:
         QTest::newRow("members not ids")
             << QByteArray(R"({"systemMember": {"id": "x", "persistentGroupMembers": [1]}})") << "malformed"
             << R"("persistentGroupMembers" holds something other than ids)";
+        QTest::newRow("id with spaces")
+            << QByteArray(R"({"systemMember": {"id": "a b"}})") << "malformed"
+            << R"("id" is not a device id (a device id consists of letters, digits and . _ : - and starts with a letter or digit))";
+        QTest::newRow("id too long")
+            << (QByteArray(R"({"systemMember": {"id": ")") + QByteArray(129, 'i') + "\"}}") << "malformed"
+            << R"("id" is not a device id (a device id has at most 128 characters))";
+        QTest::newRow("name with terminal escapes")
+            << QByteArray("{\"systemMember\": {\"id\": \"x\", \"name\": \"x\\u001b[2J\"}}") << "malformed"
+            << R"("name" is not a device name (a device name must not contain control characters))";
+        QTest::newRow("name too long")
+            << (QByteArray(R"({"systemMember": {"id": "x", "name": ")") + QByteArray(65, 'n') + "\"}}") << "malformed"
+            << R"("name" is not a device name (a device name has at most 64 characters, this one has 65))";
         QTest::newRow("no id") << QByteArray(R"({"systemMember": {"name": "anonymous"}})") << "noId"
                                << "no device id";
         QTest::newRow("empty id") << QByteArray(R"({"systemMember": {"id": ""}})") << "noId" << "no device id";
