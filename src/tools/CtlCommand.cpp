@@ -81,7 +81,7 @@ CtlExitCode::Enum CtlCommand::fail(const CtlReply& reply)
             m_out << CtlJson::toText(body, true) << '\n';
     }
     m_out.flush();
-    m_err << "tarvctl: " << reply.describe() << '\n';
+    m_err << "tarvctl: " << CtlFormatter::printable(reply.describe()) << '\n';
     m_err.flush();
     return reply.exitCode();
 }
@@ -94,7 +94,7 @@ CtlExitCode::Enum CtlCommand::finish(const CtlReply& reply,
     if (m_arguments.json())
         m_out << CtlJson::toText(reply.body(), true) << '\n';
     else
-        m_out << readable(reply.body()) << '\n';
+        m_out << CtlFormatter::printable(readable(reply.body())) << '\n';
     m_out.flush();
     return CtlExitCode::Ok;
 }
@@ -245,7 +245,7 @@ CtlExitCode::Enum CtlCommand::runWatch()
         bool wellFormed = false;
         const QString line = CtlFormatter::event(event, &wellFormed);
         if (!wellFormed) {
-            m_err << "tarvctl: ignored an event with malformed data: " << line << '\n';
+            m_err << "tarvctl: ignored an event with malformed data: " << CtlFormatter::printable(line) << '\n';
             m_err.flush();
             return true;
         }
@@ -259,7 +259,7 @@ CtlExitCode::Enum CtlCommand::runWatch()
             object.insert(QStringLiteral("data"), data);
             m_out << CtlJson::toText(object) << '\n';
         } else {
-            m_out << line << '\n';
+            m_out << CtlFormatter::printable(line) << '\n';
         }
         // Each event is visible at once, also through a pipe.
         m_out.flush();

@@ -206,9 +206,10 @@ QString CtlFormatter::table(const QJsonArray& rows, const QString& indent)
     cells.append({QStringLiteral("ID"), QStringLiteral("TYPE"), QStringLiteral("TITLE"), QStringLiteral("VALUE")});
     for (const QJsonValue& row : rows) {
         const QJsonObject object = row.toObject();
-        cells.append({elide(text(object.value(QStringLiteral("id"))), maxCell),
-                      rowType(object.value(QStringLiteral("type"))),
-                      elide(text(object.value(QStringLiteral("title"))), maxCell), rowLine(row)});
+        // Escaped before the widths are taken, so that the columns line up.
+        cells.append({printable(elide(text(object.value(QStringLiteral("id"))), maxCell)),
+                      printable(rowType(object.value(QStringLiteral("type")))),
+                      printable(elide(text(object.value(QStringLiteral("title"))), maxCell)), rowLine(row)});
     }
     int widths[3] = {0, 0, 0};
     for (const QStringList& line : cells) {
@@ -335,4 +336,17 @@ QString CtlFormatter::event(const CtlEvent& event, bool* wellFormed)
         return line;
     }
     return QStringLiteral("%1 %2").arg(event.name, CtlJson::toText(data));
+}
+
+QString CtlFormatter::printable(const QString& text)
+{
+    QString shown;
+    shown.reserve(text.size());
+    for (const QChar c : text) {
+        if (c.category() == QChar::Other_Control && c != QLatin1Char('\n') && c != QLatin1Char('\t'))
+            shown += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
+        else
+            shown += c;
+    }
+    return shown;
 }

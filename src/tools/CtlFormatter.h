@@ -33,6 +33,10 @@ public:
     static QString event(const CtlEvent& event, bool* wellFormed = nullptr);
     // The path an event is about; empty when its data names none.
     static QString eventPath(const CtlEvent& event);
+    // `text` safe for a terminal: control characters other than newline and
+    // tab (escape sequences among them) shown as \uXXXX. Names and messages
+    // come from other devices and must not drive the user's terminal.
+    static QString printable(const QString& text);
 
 private:
     static QString table(const QJsonArray& rows, const QString& indent);

@@ -77,6 +77,7 @@ private Q_SLOTS:
     void failuresEndWithTheirExitCode();
     void badApiUrlIsAUsageError();
     void helpAndVersionNeedNoHost();
+    void textFromTheHostCannotDriveTheTerminal();
 };
 
 void tst_CtlCommand::hostPrintsTheDeviceReadably()
@@ -385,6 +386,31 @@ void tst_CtlCommand::helpAndVersionNeedNoHost()
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, "tarvctl " + CtlCommand::version() + "\n");
     QVERIFY(!CtlCommand::version().isEmpty() && CtlCommand::version() != "unknown");
+}
+
+void tst_CtlCommand::textFromTheHostCannotDriveTheTerminal()
+{
+    // Names come from other devices on the LAN; an escape sequence in one
+    // must reach the screen as text.
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200,
+                  R"({"path":"/system/members","title":"SystemMembers","rows":[
+                      {"id":"a","type":0,"title":"\u001b]0;owned\u0007","value":{"string_":"x\u001b[2J"}}]})");
+    server.answer("GET", "/api/v1/value", 404, R"({"error":{"name":"NotFound","title":"Not found","message":"No \u009b2J"}})");
+    server.stream("/api/v1/events", {"event: value\ndata: {\"path\":\"/a\",\"value\":{\"string_\":\"\\u001b[31mred\"}}\n\n"},
+                  true);
+
+    Run result = run({"rows", "/system/members"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("/system/members \"SystemMembers\": 1 row\n"
+                                 "ID  TYPE  TITLE                 VALUE\n"
+                                 "a   0     \\u001b]0;owned\\u0007  x\\u001b[2J\n"));
+    result = run({"get", "/a"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: error (HTTP 404): Not found: No \\u009b2J\n"));
+    result = run({"watch", "--count", "1", "--timeout-ms", "5000"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("value /a = \\u001b[31mred\n"));
 }
 
 QTEST_GUILESS_MAIN(tst_CtlCommand)

@@ -45,6 +45,8 @@ private Q_SLOTS:
     void eventIsOneLine();
     void eventPathIsReadFromTheData_data();
     void eventPathIsReadFromTheData();
+    void printableEscapesControlCharacters_data();
+    void printableEscapesControlCharacters();
 };
 
 void tst_CtlFormatter::hostListsEveryField()
@@ -250,6 +252,27 @@ void tst_CtlFormatter::eventPathIsReadFromTheData()
     QFETCH(QByteArray, data);
     QFETCH(QString, path);
     QCOMPARE(CtlFormatter::eventPath(ev("value", data)), path);
+}
+
+void tst_CtlFormatter::printableEscapesControlCharacters_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("shown");
+    QTest::newRow("plain") << "Kitchen" << "Kitchen";
+    QTest::newRow("lines and tabs stay") << "a\tb\nc" << "a\tb\nc";
+    QTest::newRow("not ASCII stays") << QString::fromUtf8("K\xc3\xbc" "che \xe5\x8e\xa8") << QString::fromUtf8("K\xc3\xbc" "che \xe5\x8e\xa8");
+    QTest::newRow("escape sequence") << "a\x1b[2Jb" << "a\\u001b[2Jb";
+    QTest::newRow("title sequence") << "\x1b]0;owned\x07" << "\\u001b]0;owned\\u0007";
+    QTest::newRow("carriage return") << "ok\rfake" << "ok\\u000dfake";
+    QTest::newRow("nul and delete") << QString(QChar(0)) + QChar(0x7f) << "\\u0000\\u007f";
+    QTest::newRow("eight-bit introducer") << QString(QChar(0x9b)) + "2J" << "\\u009b2J";
+}
+
+void tst_CtlFormatter::printableEscapesControlCharacters()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, shown);
+    QCOMPARE(CtlFormatter::printable(text), shown);
 }
 
 QTEST_GUILESS_MAIN(tst_CtlFormatter)
