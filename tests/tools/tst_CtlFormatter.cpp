@@ -15,14 +15,6 @@ QJsonObject object(const char* json)
     return document.object();
 }
 
-CtlEvent ev(const QString& name, const QByteArray& data)
-{
-    CtlEvent made;
-    made.name = name;
-    made.data = data;
-    return made;
-}
-
 } // namespace
 
 class tst_CtlFormatter : public QObject
@@ -233,7 +225,7 @@ void tst_CtlFormatter::eventIsOneLine()
     QFETCH(QString, line);
     QFETCH(bool, wellFormed);
     bool parsed = !wellFormed;
-    QCOMPARE(CtlFormatter::event(ev(name, data), &parsed), line);
+    QCOMPARE(CtlFormatter::event(CtlEvent{name, data}, &parsed), line);
     QCOMPARE(parsed, wellFormed);
 }
 
@@ -251,7 +243,7 @@ void tst_CtlFormatter::eventPathIsReadFromTheData()
 {
     QFETCH(QByteArray, data);
     QFETCH(QString, path);
-    QCOMPARE(CtlFormatter::eventPath(ev("value", data)), path);
+    QCOMPARE(CtlFormatter::eventPath(CtlEvent{"value", data}), path);
 }
 
 void tst_CtlFormatter::printableEscapesControlCharacters_data()
