@@ -7,14 +7,14 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTemporaryDir>
-#include <QUdpSocket>
 #include <QUrl>
 #include <QtTest>
 
 #include <httplib.h>
+
+#include "HostProcess.h"
 
 // The real tarv-host binary, started and stopped as scripts do.
 class tst_TarvHost : public QObject
@@ -22,85 +22,20 @@ class tst_TarvHost : public QObject
     Q_OBJECT
 
 private:
-    struct Host
+    QTemporaryDir m_work;
+
+    // A host of its own under the test's directory (`name` tells hosts of
+    // one test apart); no module unless given.
+    std::unique_ptr<HostProcess> makeHost(const QString& name, const QString& module = QString())
     {
-        ~Host()
-        {
-            // A failed test must not leave a host behind.
-            if (process && process->state() != QProcess::NotRunning) {
-                process->kill();
-                process->waitForFinished(5000);
-            }
-        }
-
-        std::unique_ptr<QProcess> process;
-        QString url;
-        QString id;
-        quint16 port = 0;
-        QString errors() const { return QString::fromUtf8(process->readAllStandardError()); }
-    };
-
-    quint16 m_discoveryPort = 0;
-    quint16 m_requestPort = 0;
-
-    static quint16 freeUdpPort()
-    {
-        QUdpSocket probe;
-        probe.bind(QHostAddress(QHostAddress::LocalHost), 0);
-        return probe.localPort();
+        const QString directory = m_work.filePath(QTest::currentTestFunction() + QLatin1Char('-') + name);
+        QDir().mkpath(directory);
+        return std::make_unique<HostProcess>(QStringLiteral(TARV_HOST_BINARY), module, directory);
     }
 
-    QStringList loopbackArgs(const QString& dataDir, quint16 requestPort = 0) const
+    static QJsonObject get(const HostProcess& host, const std::string& target, int* status = nullptr)
     {
-        return {"--data-dir", dataDir, "--api", "127.0.0.1:0", "--address", "127.0.0.1", "--host-name", "127.0.0.1",
-                "--request-port", QString::number(requestPort ? requestPort : m_requestPort), "--discovery-ms", "100",
-                "--discovery-group",
-                QStringLiteral("239.255.77.79:%1").arg(m_discoveryPort)};
-    }
-
-    // Starts the host and waits for its ready line; the process's stderr is
-    // kept in `log`.
-    static bool start(Host& host, const QStringList& arguments, QString* log)
-    {
-        host.process = std::make_unique<QProcess>();
-        host.process->setProgram(QStringLiteral(TARV_HOST_BINARY));
-        host.process->setArguments(arguments);
-        host.process->start();
-        if (!host.process->waitForStarted(5000))
-            return false;
-        static const QRegularExpression ready(QStringLiteral("tarv-host ready: api (http://127\\.0\\.0\\.1:(\\d+)) id (\\S+)\\n"));
-        QDeadlineTimer deadline(10000);
-        QString text;
-        while (!deadline.hasExpired()) {
-            host.process->waitForReadyRead(100);
-            const QString more = QString::fromUtf8(host.process->readAllStandardError());
-            text += more;
-            *log += more;
-            const QRegularExpressionMatch match = ready.match(text);
-            if (match.hasMatch()) {
-                host.url = match.captured(1);
-                host.port = static_cast<quint16>(match.captured(2).toUInt());
-                host.id = match.captured(3);
-                return true;
-            }
-            if (host.process->state() == QProcess::NotRunning)
-                return false;
-        }
-        return false;
-    }
-
-    // Signals the host and waits for it to end; its remaining stderr goes to `log`.
-    static bool stop(Host& host, int signalNumber, QString* log)
-    {
-        ::kill(static_cast<pid_t>(host.process->processId()), signalNumber);
-        const bool finished = host.process->waitForFinished(5000);
-        *log += QString::fromUtf8(host.process->readAllStandardError());
-        return finished;
-    }
-
-    static QJsonObject get(const Host& host, const std::string& target, int* status = nullptr)
-    {
-        httplib::Client client("127.0.0.1", host.port);
+        httplib::Client client("127.0.0.1", host.apiPort());
         client.set_read_timeout(5);
         auto result = client.Get(target.c_str());
         if (status)
@@ -108,9 +43,9 @@ private:
         return result ? QJsonDocument::fromJson(QByteArray::fromStdString(result->body)).object() : QJsonObject();
     }
 
-    static int put(const Host& host, const std::string& target, const std::string& body)
+    static int put(const HostProcess& host, const std::string& target, const std::string& body)
     {
-        httplib::Client client("127.0.0.1", host.port);
+        httplib::Client client("127.0.0.1", host.apiPort());
         client.set_read_timeout(5);
         auto result = client.Put(target.c_str(), body, "application/json");
         return result ? result->status : -1;
@@ -133,11 +68,7 @@ private:
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        m_discoveryPort = freeUdpPort();
-        m_requestPort = freeUdpPort();
-    }
+    void initTestCase() { QVERIFY(m_work.isValid()); }
 
     void helpListsTheOptionsAndExitsCleanly()
     {
@@ -159,8 +90,8 @@ private Q_SLOTS:
 
     void aModuleThatCannotLoadStopsTheHostNamingFileAndReason()
     {
-        QTemporaryDir dir;
-        const auto [code, out, err] = run(loopbackArgs(dir.path()) + QStringList{"--module", "/nonexistent/libgone.so"});
+        const auto host = makeHost(QStringLiteral("a"), QStringLiteral("/nonexistent/libgone.so"));
+        const auto [code, out, err] = run(host->arguments());
         QCOMPARE(code, 1);
         QVERIFY2(err.endsWith(QStringLiteral("tarv-host: cannot load module /nonexistent/libgone.so: cannot open shared "
                                              "object file: No such file or directory\n")),
@@ -170,16 +101,15 @@ private Q_SLOTS:
 
     void aSettingWrittenThroughTheApiSurvivesARestart()
     {
-        QTemporaryDir dir;
-        const QStringList arguments = loopbackArgs(dir.path()) + QStringList{"--module", TARV_TEST_GROUPING_MODULE};
-        QString log;
-        Host first;
-        QVERIFY2(start(first, arguments, &log), qPrintable(log));
-        QVERIFY(!first.id.isEmpty());
+        const auto host = makeHost(QStringLiteral("a"), QStringLiteral(TARV_TEST_GROUPING_MODULE));
+        QString error;
+        QVERIFY2(host->start({"--discovery-ms", "100"}, &error), qPrintable(error));
+        const QString firstId = host->id();
+        QVERIFY(!firstId.isEmpty());
 
         // The module is in the tree.
         bool found = false;
-        for (const QJsonValue& node : get(first, "/api/v1/tree").value("nodes").toArray()) {
+        for (const QJsonValue& node : get(*host, "/api/v1/tree").value("nodes").toArray()) {
             if (node.toObject().value("path").toString() == QLatin1String("/modules/simpleGrouping")) {
                 QCOMPARE(node.toObject().value("title").toString(), QStringLiteral("VopGrouping"));
                 found = true;
@@ -187,63 +117,55 @@ private Q_SLOTS:
         }
         QVERIFY(found);
 
-        QCOMPARE(put(first, valueOf("/settings/device/name"), R"({"string_": "Survivor"})"), 200);
-        QCOMPARE(put(first, valueOf("/settings/streaming/stopTimeout"), R"({"i32_": 4321})"), 200);
-        QVERIFY(stop(first, SIGTERM, &log));
-        QCOMPARE(first.process->exitStatus(), QProcess::NormalExit);
-        QCOMPARE(first.process->exitCode(), 0);
-        QVERIFY2(log.contains("Received SIGTERM, shutting down"), qPrintable(log));
+        QCOMPARE(put(*host, valueOf("/settings/device/name"), R"({"string_": "Survivor"})"), 200);
+        QCOMPARE(put(*host, valueOf("/settings/streaming/stopTimeout"), R"({"i32_": 4321})"), 200);
+        QVERIFY2(host->stop(SIGTERM), qPrintable(host->output()));
+        QVERIFY2(host->output().contains("Received SIGTERM, shutting down"), qPrintable(host->output()));
 
-        log.clear();
-        Host second;
-        QVERIFY2(start(second, arguments, &log), qPrintable(log));
-        QCOMPARE(second.id, first.id);
-        QCOMPARE(get(second, valueOf("/settings/device/name")).value("value").toObject().value("string_").toString(),
+        QVERIFY2(host->start({"--discovery-ms", "100"}, &error), qPrintable(error));
+        QCOMPARE(host->id(), firstId);
+        QCOMPARE(get(*host, valueOf("/settings/device/name")).value("value").toObject().value("string_").toString(),
                  QStringLiteral("Survivor"));
-        QCOMPARE(get(second, valueOf("/settings/streaming/stopTimeout")).value("value").toObject().value("i32_").toInt(), 4321);
-        QCOMPARE(get(second, valueOf("/system/member")).value("value").toObject().value("systemMember").toObject().value("name").toString(),
+        QCOMPARE(get(*host, valueOf("/settings/streaming/stopTimeout")).value("value").toObject().value("i32_").toInt(), 4321);
+        QCOMPARE(get(*host, valueOf("/system/member")).value("value").toObject().value("systemMember").toObject().value("name").toString(),
                  QStringLiteral("Survivor"));
-        QCOMPARE(get(second, "/api/v1/host").value("name").toString(), QStringLiteral("Survivor"));
-        QVERIFY(stop(second, SIGINT, &log));
-        QCOMPARE(second.process->exitCode(), 0);
-        QVERIFY2(log.contains("Received SIGINT, shutting down"), qPrintable(log));
+        QCOMPARE(get(*host, "/api/v1/host").value("name").toString(), QStringLiteral("Survivor"));
+        QVERIFY2(host->stop(SIGINT), qPrintable(host->output()));
+        QVERIFY2(host->output().contains("Received SIGINT, shutting down"), qPrintable(host->output()));
     }
 
     void aNameOnTheCommandLineWinsOverThePersistedOne()
     {
-        QTemporaryDir dir;
-        QString log;
-        Host first;
-        QVERIFY2(start(first, loopbackArgs(dir.path()), &log), qPrintable(log));
-        QCOMPARE(put(first, valueOf("/settings/device/name"), R"({"string_": "Persisted"})"), 200);
-        QVERIFY(stop(first, SIGTERM, &log));
-        Host second;
-        QVERIFY2(start(second, loopbackArgs(dir.path()) + QStringList{"--name", "Flag"}, &log), qPrintable(log));
-        QCOMPARE(get(second, "/api/v1/host").value("name").toString(), QStringLiteral("Flag"));
-        QVERIFY(stop(second, SIGTERM, &log));
+        const auto host = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(host->start({}, &error), qPrintable(error));
+        QCOMPARE(put(*host, valueOf("/settings/device/name"), R"({"string_": "Persisted"})"), 200);
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+        QVERIFY2(host->start({"--name", "Flag"}, &error), qPrintable(error));
+        QCOMPARE(get(*host, "/api/v1/host").value("name").toString(), QStringLiteral("Flag"));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 
     void twoHostsCannotShareADataDirectory()
     {
-        QTemporaryDir dir;
-        QString log;
-        Host first;
-        QVERIFY2(start(first, loopbackArgs(dir.path()), &log), qPrintable(log));
-        const auto [code, out, err] = run(loopbackArgs(dir.path()));
+        const auto first = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(first->start({}, &error), qPrintable(error));
+        const auto [code, out, err] = run(first->arguments());
         QCOMPARE(code, 1);
         QVERIFY2(err.endsWith(QStringLiteral("tarv-host: the data directory %1 is in use by another tarv-host (pid %2)\n")
-                                  .arg(QDir::cleanPath(dir.path()))
-                                  .arg(first.process->processId())),
+                                  .arg(QDir::cleanPath(first->dataDirectory()))
+                                  .arg(first->processId())),
                  qPrintable(err));
-        QVERIFY(stop(first, SIGTERM, &log));
+        QVERIFY2(first->stop(), qPrintable(first->output()));
     }
 
     void aTakenApiPortIsAClearError()
     {
         QTcpServer taken;
         QVERIFY(taken.listen(QHostAddress(QHostAddress::LocalHost), 0));
-        QTemporaryDir dir;
-        QStringList arguments = loopbackArgs(dir.path());
+        const auto host = makeHost(QStringLiteral("a"));
+        QStringList arguments = host->arguments();
         arguments[arguments.indexOf("127.0.0.1:0")] = QStringLiteral("127.0.0.1:%1").arg(taken.serverPort());
         const auto [code, out, err] = run(arguments);
         QCOMPARE(code, 1);
@@ -255,46 +177,45 @@ private Q_SLOTS:
 
     void aCorruptSettingsFileIsSetAsideAndTheHostStarts()
     {
-        QTemporaryDir dir;
+        const auto host = makeHost(QStringLiteral("a"));
+        QVERIFY(QDir().mkpath(host->dataDirectory()));
+        const QString settings = QDir(host->dataDirectory()).filePath("settings.json");
         {
-            QFile file(dir.filePath("settings.json"));
+            QFile file(settings);
             QVERIFY(file.open(QIODevice::WriteOnly));
             file.write("{\"format\": 1, \"values\": {\"/settings/device/name\": {\"string_\": \"Half");
         }
-        QString log;
-        Host host;
-        QVERIFY2(start(host, loopbackArgs(dir.path()), &log), qPrintable(log));
-        QVERIFY2(log.contains(QStringLiteral("Settings file %1 is unusable (it is not valid JSON")
-                                  .arg(dir.filePath("settings.json"))),
-                 qPrintable(log));
-        QCOMPARE(QDir(dir.path()).entryList({"settings.json.corrupt-*"}).size(), 1);
-        QVERIFY(stop(host, SIGTERM, &log));
-        QCOMPARE(host.process->exitCode(), 0);
+        QString error;
+        QVERIFY2(host->start({}, &error), qPrintable(error));
+        QVERIFY2(host->output().contains(QStringLiteral("Settings file %1 is unusable (it is not valid JSON").arg(settings)),
+                 qPrintable(host->output()));
+        QCOMPARE(QDir(host->dataDirectory()).entryList({"settings.json.corrupt-*"}).size(), 1);
+        QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 
     void twoHostsOnOneLoopbackFindEachOther()
     {
-        QTemporaryDir dirA;
-        QTemporaryDir dirB;
-        QString log;
-        Host a;
-        Host b;
-        QVERIFY2(start(a, loopbackArgs(dirA.path()) + QStringList{"--name", "A"}, &log), qPrintable(log));
-        QVERIFY2(start(b, loopbackArgs(dirB.path(), freeUdpPort()) + QStringList{"--name", "B"}, &log),
-                 qPrintable(log));
-        const auto names = [](const Host& host) {
+        const int discoveryPort = HostProcess::freeUdpPort();
+        const auto a = makeHost(QStringLiteral("a"));
+        const auto b = makeHost(QStringLiteral("b"));
+        a->setDiscoveryPort(discoveryPort);
+        b->setDiscoveryPort(discoveryPort);
+        QString error;
+        QVERIFY2(a->start({"--discovery-ms", "100", "--name", "A"}, &error), qPrintable(error));
+        QVERIFY2(b->start({"--discovery-ms", "100", "--name", "B"}, &error), qPrintable(error));
+        const auto names = [](const HostProcess& host) {
             QStringList result;
             for (const QJsonValue& row : get(host, "/api/v1/rows?path=/system/members").value("rows").toArray())
                 result << row.toObject().value("title").toString();
             result.sort();
             return result;
         };
-        QTRY_COMPARE_WITH_TIMEOUT(names(a), QStringList({"A", "B"}), 5000);
-        QTRY_COMPARE_WITH_TIMEOUT(names(b), QStringList({"A", "B"}), 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(names(*a), QStringList({"A", "B"}), 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(names(*b), QStringList({"A", "B"}), 5000);
         // B leaves: A drops it after three silent periods.
-        QVERIFY(stop(b, SIGTERM, &log));
-        QTRY_COMPARE_WITH_TIMEOUT(names(a), QStringList({"A"}), 5000);
-        QVERIFY(stop(a, SIGTERM, &log));
+        QVERIFY2(b->stop(), qPrintable(b->output()));
+        QTRY_COMPARE_WITH_TIMEOUT(names(*a), QStringList({"A"}), 5000);
+        QVERIFY2(a->stop(), qPrintable(a->output()));
     }
 };
 

@@ -1,12 +1,14 @@
 #include "HostProcess.h"
 
+#include <sys/types.h>
+
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QHostAddress>
 #include <QRegularExpression>
-#include <QThread>
 #include <QUdpSocket>
+#include <QUrl>
 
 HostProcess::HostProcess(const QString& binary, const QString& module, const QString& workDirectory)
     : m_binary(binary)
@@ -18,6 +20,7 @@ HostProcess::HostProcess(const QString& binary, const QString& module, const QSt
 
 HostProcess::~HostProcess()
 {
+    // A failed test must not leave a host behind.
     if (m_process.state() != QProcess::NotRunning) {
         m_process.kill();
         m_process.waitForFinished(5000);
@@ -32,6 +35,11 @@ int HostProcess::freeUdpPort()
     return socket.localPort();
 }
 
+quint16 HostProcess::apiPort() const
+{
+    return static_cast<quint16>(QUrl(m_api).port(0));
+}
+
 QString HostProcess::output() const
 {
     QFile file(m_logFile);
@@ -40,20 +48,33 @@ QString HostProcess::output() const
     return QString::fromUtf8(file.readAll());
 }
 
+QStringList HostProcess::arguments(const QStringList& extraArguments)
+{
+    if (m_requestPort == 0) {
+        m_requestPort = freeUdpPort();
+        m_startDiscoveryPort = m_discoveryPort ? m_discoveryPort : freeUdpPort();
+    }
+    // Everything on loopback: nothing a test does may reach the LAN.
+    QStringList arguments{QStringLiteral("--data-dir"), m_dataDirectory,
+                          QStringLiteral("--api"), QStringLiteral("127.0.0.1:0"),
+                          QStringLiteral("--address"), QStringLiteral("127.0.0.1"),
+                          QStringLiteral("--host-name"), QStringLiteral("127.0.0.1"),
+                          QStringLiteral("--request-port"), QString::number(m_requestPort),
+                          QStringLiteral("--discovery-group"), QStringLiteral("239.255.77.77:%1").arg(m_startDiscoveryPort)};
+    if (!m_module.isEmpty())
+        arguments << QStringLiteral("--module") << m_module;
+    return arguments + extraArguments;
+}
+
 bool HostProcess::start(const QStringList& extraArguments, QString* error, int timeoutMs)
 {
     QFile::remove(m_logFile);
-    m_requestPort = freeUdpPort();
-    const int discoveryPort = freeUdpPort();
-    QStringList arguments{QStringLiteral("--module"), m_module,
-                          QStringLiteral("--data-dir"), m_dataDirectory,
-                          QStringLiteral("--api"), QStringLiteral("127.0.0.1:0"),
-                          QStringLiteral("--request-port"), QString::number(m_requestPort),
-                          QStringLiteral("--discovery-group"), QStringLiteral("239.255.77.77:%1").arg(discoveryPort)};
-    arguments += extraArguments;
+    m_api.clear();
+    m_id.clear();
+    m_requestPort = 0;
     m_process.setStandardOutputFile(m_logFile, QIODevice::Append);
     m_process.setStandardErrorFile(m_logFile, QIODevice::Append);
-    m_process.start(m_binary, arguments);
+    m_process.start(m_binary, arguments(extraArguments));
     if (!m_process.waitForStarted(5000)) {
         *error = QStringLiteral("cannot start %1: %2").arg(m_binary, m_process.errorString());
         return false;
@@ -80,11 +101,11 @@ bool HostProcess::start(const QStringList& extraArguments, QString* error, int t
     return false;
 }
 
-bool HostProcess::stop(int timeoutMs)
+bool HostProcess::stop(int signalNumber, int timeoutMs)
 {
     if (m_process.state() == QProcess::NotRunning)
         return false;
-    m_process.terminate();
+    ::kill(static_cast<pid_t>(m_process.processId()), signalNumber);
     if (!m_process.waitForFinished(timeoutMs))
         return false;
     return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
