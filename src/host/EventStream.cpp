@@ -77,6 +77,7 @@ bool EventStream::next(Subscription& subscription, int waitMs, std::string* text
     if (!subscription.queue.empty()) {
         *text = std::move(subscription.queue.front());
         subscription.queue.pop_front();
+        subscription.queuedBytes -= text->size();
         return true;
     }
     text->clear();
@@ -88,6 +89,13 @@ std::string EventStream::format(const char* event, const QJsonObject& data)
     return std::string("event: ") + event + "\ndata: " + HostJson::compact(data) + "\n\n";
 }
 
+void EventStream::end(Subscription& subscription)
+{
+    subscription.closed = true;
+    subscription.queue.clear();
+    subscription.queuedBytes = 0;
+}
+
 void EventStream::publish(const std::string& text)
 {
     std::lock_guard<std::mutex> locker(m_mutex);
@@ -97,10 +105,13 @@ void EventStream::publish(const std::string& text)
             continue;
         if (subscription->queue.size() >= MaxQueued) {
             LOG4CPLUS_WARN(logger(), "An event stream fell " << MaxQueued << " events behind; ending it");
-            subscription->closed = true;
-            subscription->queue.clear();
+            end(*subscription);
+        } else if (subscription->queuedBytes + text.size() > MaxQueuedBytes) {
+            LOG4CPLUS_WARN(logger(), "An event stream fell more than " << MaxQueuedBytes << " bytes behind; ending it");
+            end(*subscription);
         } else {
             subscription->queue.push_back(text);
+            subscription->queuedBytes += text.size();
         }
         subscription->wake.notify_all();
     }

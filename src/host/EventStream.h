@@ -27,12 +27,15 @@ class EventStream : public QObject
 public:
     static constexpr int MaxSubscribers = 16;
     static constexpr size_t MaxQueued = 10000;
+    // Large values (a 64 KiB write) reach the bound long before MaxQueued.
+    static constexpr size_t MaxQueuedBytes = 8 * 1024 * 1024;
 
     struct Subscription
     {
         std::mutex mutex;
         std::condition_variable wake;
         std::deque<std::string> queue;
+        size_t queuedBytes = 0;
         bool closed = false;
     };
 
@@ -53,6 +56,8 @@ public:
     static std::string format(const char* event, const QJsonObject& data);
 
 private:
+    // Ends a stream that fell behind; its lock is held.
+    static void end(Subscription& subscription);
     void publish(const std::string& text);
     void on_root_valueChanged(const CMPath& path, const QVariant& value);
     void on_root_rowsChanged(const CMPath& path, const TarvRoles& newRow, const TarvRoles& oldRow);

@@ -91,6 +91,31 @@ private Q_SLOTS:
         CMRoot()->undefineValue(CMPath("/test/value"));
     }
 
+    void aSubscriberHoldingTooManyBytesIsEnded()
+    {
+        LogCapture log;
+        EventStream stream;
+        const auto slow = stream.subscribe();
+        const auto reader = stream.subscribe();
+        const QString big(64 * 1024, QLatin1Char('x'));
+        std::string text;
+        // Far fewer events than MaxQueued, but each one large.
+        const size_t events = EventStream::MaxQueuedBytes / big.size() + 1;
+        for (size_t i = 0; i < events; ++i) {
+            CMRoot()->defineValue(CMPath("/test/value"),
+                                  QVariantHash{{QStringLiteral("string_"), big + QString::number(i)}});
+            // One reader keeps up and stays.
+            QVERIFY(EventStream::next(*reader, 0, &text));
+        }
+        QVERIFY(!EventStream::next(*slow, 0, &text));
+        QVERIFY(EventStream::next(*reader, 0, &text));
+        QCOMPARE(log.count(log4cplus::WARN_LOG_LEVEL,
+                           QStringLiteral("An event stream fell more than 8388608 bytes behind; ending it"),
+                           QStringLiteral("EventStream")),
+                 1);
+        CMRoot()->undefineValue(CMPath("/test/value"));
+    }
+
     void closingEndsEveryStreamAndRefusesNewOnes()
     {
         EventStream stream;
