@@ -48,6 +48,8 @@ QString checkRecordFields(const QVariantHash& record)
         return QStringLiteral("\"persistentGroupTimestamp\" is not a number");
     if (!hasType(record, TarvSystemMember::PersistentGroupMembers(), QMetaType::QVariantList))
         return QStringLiteral("\"persistentGroupMembers\" is not a list");
+    if (record.value(TarvSystemMember::PersistentGroupMembers()).toList().size() > HostValidators::MaxGroupMembers)
+        return QStringLiteral("\"persistentGroupMembers\" has more than %1 ids").arg(HostValidators::MaxGroupMembers);
     for (const QVariant& member : record.value(TarvSystemMember::PersistentGroupMembers()).toList()) {
         if (member.userType() != QMetaType::QString)
             return QStringLiteral("\"persistentGroupMembers\" holds something other than ids");

@@ -253,6 +253,10 @@ private Q_SLOTS:
         QTest::newRow("name too long")
             << (QByteArray(R"({"systemMember": {"id": "x", "name": ")") + QByteArray(65, 'n') + "\"}}") << "malformed"
             << R"("name" is not a device name (a device name has at most 64 characters, this one has 65))";
+        QTest::newRow("group larger than a saved group can be")
+            << QByteArray("{\"systemMember\": {\"id\": \"x\", \"persistentGroupMembers\": [\"m\""
+                          + QByteArray(",\"m\"").repeated(64) + "]}}")
+            << "malformed" << R"("persistentGroupMembers" has more than 64 ids)";
         QTest::newRow("no id") << QByteArray(R"({"systemMember": {"name": "anonymous"}})") << "noId"
                                << "no device id";
         QTest::newRow("empty id") << QByteArray(R"({"systemMember": {"id": ""}})") << "noId" << "no device id";
