@@ -3,6 +3,8 @@
 
 #include <QCoreApplication>
 
+#include <log4cplus/logger.h>
+
 #include "HostConfig.h"
 #include "HostDaemon.h"
 #include "TarvConnect.h"
@@ -35,6 +37,15 @@ int main(int argc, char** argv)
         return 0;
     }
     TarvLog::init(config.logConfig());
+    // log4cplus takes a file with an unknown root level, and then throws on
+    // the first message: refuse it here with a word about why.
+    if (log4cplus::Logger::getRoot().getLogLevel() == log4cplus::NOT_SET_LOG_LEVEL) {
+        std::fprintf(stderr,
+                     "tarv-host: --log-config: %s gives the root logger no valid level "
+                     "(e.g. log4cplus.rootLogger=INFO, STDERR)\nTry 'tarv-host --help'.\n",
+                     qPrintable(config.logConfig()));
+        return 2;
+    }
 
     UnixSignalWatcher signalWatcher({SIGINT, SIGTERM});
     tarvConnect(&signalWatcher, &UnixSignalWatcher::signalReceived, &app, [](int number) {

@@ -88,6 +88,25 @@ private Q_SLOTS:
         QVERIFY(out.isEmpty());
     }
 
+    void aLogConfigWithoutAValidRootLevelIsAClearError()
+    {
+        const auto host = makeHost(QStringLiteral("a"));
+        const QString file = m_work.filePath(QStringLiteral("bad-level.properties"));
+        {
+            QFile out(file);
+            QVERIFY(out.open(QIODevice::WriteOnly));
+            out.write("log4cplus.rootLogger=LOUD, STDERR\n"
+                      "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n");
+        }
+        const auto [code, out, err] = run(host->arguments({"--log-config", file}));
+        QCOMPARE(code, 2);
+        QVERIFY2(err.endsWith(QStringLiteral("tarv-host: --log-config: %1 gives the root logger no valid level (e.g. "
+                                             "log4cplus.rootLogger=INFO, STDERR)\nTry 'tarv-host --help'.\n")
+                                  .arg(file)),
+                 qPrintable(err));
+        QVERIFY(!err.contains("tarv-host ready"));
+    }
+
     void aModuleThatCannotLoadStopsTheHostNamingFileAndReason()
     {
         const auto host = makeHost(QStringLiteral("a"), QStringLiteral("/nonexistent/libgone.so"));
