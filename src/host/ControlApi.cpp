@@ -357,6 +357,8 @@ void ControlApi::stop()
 bool ControlApi::hostAllowed(const std::string& hostHeader) const
 {
     QString host = QString::fromStdString(hostHeader).trimmed().toLower();
+    QString port;
+    bool hasPort = false;
     if (host.startsWith(QLatin1Char('['))) {
         const int close = host.indexOf(QLatin1Char(']'));
         if (close < 0)
@@ -364,9 +366,19 @@ bool ControlApi::hostAllowed(const std::string& hostHeader) const
         const QString rest = host.mid(close + 1);
         if (!rest.isEmpty() && !rest.startsWith(QLatin1Char(':')))
             return false;
+        hasPort = !rest.isEmpty();
+        port = rest.mid(1);
         host = host.mid(1, close - 1);
     } else if (host.count(QLatin1Char(':')) == 1) {
+        hasPort = true;
+        port = host.mid(host.indexOf(QLatin1Char(':')) + 1);
         host = host.left(host.indexOf(QLatin1Char(':')));
+    }
+    if (hasPort) {
+        bool number = false;
+        const int value = port.toInt(&number);
+        if (!number || value < 1 || value > 65535 || port.size() > 5 || !port.at(0).isDigit())
+            return false;
     }
     if (host.endsWith(QLatin1Char('.')))
         host.chop(1);

@@ -551,6 +551,10 @@ private Q_SLOTS:
         QTest::newRow("foreign name with port") << "evil.example:%1" << 403;
         QTest::newRow("lookalike") << "127.0.0.1.evil.example" << 403;
         QTest::newRow("own name as a subdomain") << "tarv-test.local.evil.example" << 403;
+        QTest::newRow("more after the port") << "127.0.0.1:80@evil.example" << 403;
+        QTest::newRow("port not a number") << "localhost:http" << 403;
+        QTest::newRow("empty port") << "127.0.0.1:" << 403;
+        QTest::newRow("ipv6 with junk port") << "[::1]:1x" << 403;
     }
 
     void theHostHeaderMustNameThisHost()
