@@ -36,14 +36,9 @@ int main(int argc, char** argv)
         std::fputs(qPrintable(HostConfig::helpText()), stdout);
         return 0;
     }
-    TarvLog::init(config.logConfig());
-    // log4cplus takes a file with an unknown root level, and then throws on
-    // the first message: refuse it here with a word about why.
-    if (log4cplus::Logger::getRoot().getLogLevel() == log4cplus::NOT_SET_LOG_LEVEL) {
-        std::fprintf(stderr,
-                     "tarv-host: --log-config: %s gives the root logger no valid level "
-                     "(e.g. log4cplus.rootLogger=INFO, STDERR)\nTry 'tarv-host --help'.\n",
-                     qPrintable(config.logConfig()));
+    QString logProblem;
+    if (!TarvLog::init(config.logConfig(), &logProblem)) {
+        std::fprintf(stderr, "tarv-host: --log-config: %s\nTry 'tarv-host --help'.\n", qPrintable(logProblem));
         return 2;
     }
 

@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <sstream>
 
 #include <QRegularExpression>
@@ -82,6 +83,27 @@ private Q_SLOTS:
         QCOMPARE(lines, QStringList({"WARN Probe probe warn", "DEBUG Verbose verbose debug"}));
     }
 
+    void propertiesFileWithoutRootLevelIsRefusedAndLoggingStaysSafe()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString path = dir.filePath(QStringLiteral("log.properties"));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("log4cplus.rootLogger=BOGUS, STDERR\n"
+                   "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n");
+        file.close();
+        const ChildResult child = runChildScenario(QStringLiteral("properties:") + path);
+        QVERIFY2(child.finished, qPrintable(child.stderrText));
+        QCOMPARE(child.status, QProcess::NormalExit);
+        QCOMPARE(child.exitCode, 3);
+        QVERIFY2(child.stdoutText.contains(path + QStringLiteral(" gives the root logger no valid level")),
+                 qPrintable(child.stdoutText));
+        // The default configuration took over: INFO and above reach stderr.
+        QVERIFY2(child.stderrText.contains(QStringLiteral("] probe info")), qPrintable(child.stderrText));
+        QVERIFY(!child.stderrText.contains(QStringLiteral("verbose debug")));
+    }
+
     void unreadablePropertiesFileFallsBackToTheDefault()
     {
         const ChildResult child = runChildScenario(QStringLiteral("properties:/nonexistent/log.properties"));
@@ -102,10 +124,15 @@ static int childMain(const QString& scenario)
         LOG4CPLUS_INFO(probe, "shown info");
         LOG4CPLUS_ERROR(probe, "shown error");
     } else if (scenario.startsWith(QLatin1String("properties:"))) {
-        TarvLog::init(scenario.mid(int(strlen("properties:"))));
+        QString problem;
+        const bool accepted = TarvLog::init(scenario.mid(int(strlen("properties:"))), &problem);
         LOG4CPLUS_INFO(probe, "probe info");
         LOG4CPLUS_WARN(probe, "probe warn");
         LOG4CPLUS_DEBUG(TarvLog::logger("Verbose"), "verbose debug");
+        if (!accepted) {
+            std::printf("%s\n", qPrintable(problem));
+            return 3;
+        }
     }
     return 0;
 }

@@ -34,23 +34,40 @@ QString defaultPattern()
     return QStringLiteral("%D{%H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n");
 }
 
-void init(const QString& propertiesFile)
-{
-    // log4cplus needs its process-wide state before the first logger is used;
-    // the initializer is kept for the life of the process on purpose.
-    static log4cplus::Initializer* initializer = new log4cplus::Initializer;
-    Q_UNUSED(initializer);
+namespace {
 
-    if (!propertiesFile.isEmpty() && QFileInfo(propertiesFile).isReadable()) {
-        log4cplus::PropertyConfigurator::doConfigure(propertiesFile.toStdString());
-        return;
-    }
+void configureDefault()
+{
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.removeAllAppenders();
     log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true /*stderr*/, true /*flush*/));
     appender->setLayout(std::make_unique<log4cplus::PatternLayout>(defaultPattern().toStdString()));
     root.addAppender(appender);
     root.setLogLevel(log4cplus::INFO_LOG_LEVEL);
+}
+
+} // namespace
+
+bool init(const QString& propertiesFile, QString* problem)
+{
+    // log4cplus needs its process-wide state before the first logger is used;
+    // the initializer is kept for the life of the process on purpose.
+    static log4cplus::Initializer* initializer = new log4cplus::Initializer;
+    Q_UNUSED(initializer);
+
+    if (propertiesFile.isEmpty() || !QFileInfo(propertiesFile).isReadable()) {
+        configureDefault();
+        return true;
+    }
+    log4cplus::PropertyConfigurator::doConfigure(propertiesFile.toStdString());
+    if (log4cplus::Logger::getRoot().getLogLevel() != log4cplus::NOT_SET_LOG_LEVEL)
+        return true;
+    configureDefault();
+    if (problem) {
+        *problem = propertiesFile
+            + QStringLiteral(" gives the root logger no valid level (e.g. log4cplus.rootLogger=INFO, STDERR)");
+    }
+    return false;
 }
 
 } // namespace TarvLog

@@ -20,10 +20,14 @@ namespace TarvLog {
 // The logger of one class; every class logs under its own name.
 log4cplus::Logger logger(const char* className);
 
-// Configures log4cplus once per process. With a properties file its settings
-// rule; without one every logger writes INFO and above to stderr with time,
-// level, logger, source file, line and function.
-void init(const QString& propertiesFile = QString());
+// Configures log4cplus for the process. With a readable properties file its
+// settings rule; without one every logger writes INFO and above to stderr
+// with time, level, logger, source file, line and function.
+// log4cplus accepts a file that leaves the root logger without a valid level
+// and then throws on the first message; such a file is refused: init()
+// returns false with the reason in `problem` and applies the default
+// configuration, so logging stays safe.
+bool init(const QString& propertiesFile = QString(), QString* problem = nullptr);
 
 // The layout pattern used by the default configuration.
 QString defaultPattern();
