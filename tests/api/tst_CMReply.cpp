@@ -9,6 +9,7 @@
 #include <tarv>
 
 #include "RecordChecks.h"
+#include "ReplyWaiter.h"
 
 // CMReply<T> over its shared CMReplyData<T>.
 class tst_CMReply : public QObject
@@ -107,70 +108,42 @@ private Q_SLOTS:
     void boundedWaitFromAnotherThreadTimesOut()
     {
         const CMReply<QVariant> reply;
-        bool returned = true;
-        qint64 waited = 0;
-        std::thread waiter([&] {
-            QElapsedTimer timer;
-            timer.start();
-            returned = reply.waitForFinished(60);
-            waited = timer.elapsed();
-        });
-        const auto joinWaiter = qScopeGuard([&] {
-            reply.setResult(QVariant());
-            if (waiter.joinable())
-                waiter.join();
-        });
+        ReplyWaiter waiter(reply.data(), [&] { return reply.waitForFinished(60); });
         waiter.join();
-        QVERIFY(!returned);
-        QVERIFY2(waited >= 55, qPrintable(QString::number(waited)));
-        QVERIFY2(waited < 2000, qPrintable(QString::number(waited)));
+        QVERIFY(!waiter.finished());
+        QVERIFY2(waiter.waited() >= 55, qPrintable(QString::number(waiter.waited())));
+        QVERIFY2(waiter.waited() < 2000, qPrintable(QString::number(waiter.waited())));
         QVERIFY(!reply.isFinished());
     }
 
     void unboundedWaitFromAnotherThreadEndsWhenFinished()
     {
         const CMReply<QVariant> reply;
-        std::atomic<bool> returned{false};
-        bool finished = false;
         QVariant seen;
-        std::thread waiter([&] {
-            finished = reply.waitForFinished(ULONG_MAX);
+        ReplyWaiter waiter(reply.data(), [&] {
+            const bool finished = reply.waitForFinished(ULONG_MAX);
             seen = reply.result();
-            returned = true;
-        });
-        const auto joinWaiter = qScopeGuard([&] {
-            reply.setResult(QVariant());
-            if (waiter.joinable())
-                waiter.join();
+            return finished;
         });
         // The waiter is still blocked after a bounded wait of our own.
         QVERIFY(!reply.waitForFinished(50));
-        QVERIFY(!returned);
+        QVERIFY(!waiter.returned());
         reply.setResult(42);
         waiter.join();
-        QVERIFY(returned);
-        QVERIFY(finished);
+        QVERIFY(waiter.returned());
+        QVERIFY(waiter.finished());
         QCOMPARE(seen, QVariant(42));
     }
 
     void defaultWaitHasNoLimit()
     {
         const CMReply<QVariant> reply;
-        std::atomic<bool> returned{false};
-        std::thread waiter([&] {
-            reply.waitForFinished();
-            returned = true;
-        });
-        const auto joinWaiter = qScopeGuard([&] {
-            reply.setResult(QVariant());
-            if (waiter.joinable())
-                waiter.join();
-        });
+        ReplyWaiter waiter(reply.data(), [&] { return reply.waitForFinished(); });
         QVERIFY(!reply.waitForFinished(50));
-        QVERIFY(!returned);
+        QVERIFY(!waiter.returned());
         reply.setError(CMError(TrString("failed")));
         waiter.join();
-        QVERIFY(returned);
+        QVERIFY(waiter.returned());
     }
 
     void hugeLimitWaitsLikeNoLimit()
@@ -178,22 +151,12 @@ private Q_SLOTS:
         // Limits beyond what a signed millisecond count holds are no limit,
         // not an already passed deadline.
         const CMReply<QVariant> reply;
-        std::atomic<bool> returned{false};
-        bool finished = false;
-        std::thread waiter([&] {
-            finished = reply.waitForFinished(ULONG_MAX - 1);
-            returned = true;
-        });
-        const auto joinWaiter = qScopeGuard([&] {
-            reply.setResult(QVariant());
-            if (waiter.joinable())
-                waiter.join();
-        });
+        ReplyWaiter waiter(reply.data(), [&] { return reply.waitForFinished(ULONG_MAX - 1); });
         QVERIFY(!reply.waitForFinished(50));
-        QVERIFY(!returned);
+        QVERIFY(!waiter.returned());
         reply.setResult(1);
         waiter.join();
-        QVERIFY(finished);
+        QVERIFY(waiter.finished());
     }
 
     void waitOnAFinishedReplyReturnsAtOnce()

@@ -1,14 +1,12 @@
-#include <atomic>
 #include <climits>
-#include <thread>
 
-#include <QElapsedTimer>
 #include <QtTest>
 
 #include <model/cmrequest>
 #include <tarv>
 
 #include "RecordChecks.h"
+#include "ReplyWaiter.h"
 
 class tst_CMVoidReply : public QObject
 {
@@ -79,44 +77,22 @@ private Q_SLOTS:
     {
         const CMReply<QVariant> reply;
         const CMVoidReply view(reply.data());
-        bool finished = true;
-        qint64 waited = 0;
-        std::thread waiter([&] {
-            QElapsedTimer timer;
-            timer.start();
-            finished = view.waitForFinished(40);
-            waited = timer.elapsed();
-        });
-        const auto joinWaiter = qScopeGuard([&] {
-            reply.setResult(QVariant());
-            if (waiter.joinable())
-                waiter.join();
-        });
+        ReplyWaiter waiter(reply.data(), [&] { return view.waitForFinished(40); });
         waiter.join();
-        QVERIFY(!finished);
-        QVERIFY2(waited >= 35, qPrintable(QString::number(waited)));
+        QVERIFY(!waiter.finished());
+        QVERIFY2(waiter.waited() >= 35, qPrintable(QString::number(waiter.waited())));
     }
 
     void unboundedWaitFromAnotherThreadEndsWhenFailed()
     {
         const CMReply<QVariant> reply;
         const CMVoidReply view(reply.data());
-        std::atomic<bool> returned{false};
-        bool finished = false;
-        std::thread waiter([&] {
-            finished = view.waitForFinished(ULONG_MAX);
-            returned = true;
-        });
-        const auto joinWaiter = qScopeGuard([&] {
-            reply.setResult(QVariant());
-            if (waiter.joinable())
-                waiter.join();
-        });
+        ReplyWaiter waiter(reply.data(), [&] { return view.waitForFinished(ULONG_MAX); });
         QVERIFY(!reply.waitForFinished(50));
-        QVERIFY(!returned);
+        QVERIFY(!waiter.returned());
         view.setError(CMError(TrString("stop")));
         waiter.join();
-        QVERIFY(finished);
+        QVERIFY(waiter.finished());
         QVERIFY(reply.hasError());
     }
 };

@@ -11,6 +11,16 @@
 
 #include "ChildProcess.h"
 
+// Writes a log4cplus properties file into `dir`; its path, empty on failure.
+static QString writeProperties(const QTemporaryDir& dir, const QByteArray& content)
+{
+    const QString path = dir.filePath(QStringLiteral("log.properties"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        return QString();
+    return path;
+}
+
 class tst_TarvLog : public QObject
 {
     Q_OBJECT
@@ -66,16 +76,13 @@ private Q_SLOTS:
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
-        const QString path = dir.filePath(QStringLiteral("log.properties"));
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("log4cplus.rootLogger=WARN, STDERR\n"
-                   "log4cplus.logger.Verbose=TRACE\n"
-                   "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
-                   "log4cplus.appender.STDERR.logToStdErr=true\n"
-                   "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
-                   "log4cplus.appender.STDERR.layout.ConversionPattern=%p %c %m%n\n");
-        file.close();
+        const QString path = writeProperties(dir, "log4cplus.rootLogger=WARN, STDERR\n"
+                                                  "log4cplus.logger.Verbose=TRACE\n"
+                                                  "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
+                                                  "log4cplus.appender.STDERR.logToStdErr=true\n"
+                                                  "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
+                                                  "log4cplus.appender.STDERR.layout.ConversionPattern=%p %c %m%n\n");
+        QVERIFY(!path.isEmpty());
         const ChildResult child = runChildScenario(QStringLiteral("properties:") + path);
         QVERIFY(child.finished);
         QCOMPARE(child.exitCode, 0);
@@ -87,12 +94,9 @@ private Q_SLOTS:
     {
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
-        const QString path = dir.filePath(QStringLiteral("log.properties"));
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("log4cplus.rootLogger=BOGUS, STDERR\n"
-                   "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n");
-        file.close();
+        const QString path = writeProperties(dir, "log4cplus.rootLogger=BOGUS, STDERR\n"
+                                                  "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n");
+        QVERIFY(!path.isEmpty());
         const ChildResult child = runChildScenario(QStringLiteral("properties:") + path);
         QVERIFY2(child.finished, qPrintable(child.stderrText));
         QCOMPARE(child.status, QProcess::NormalExit);
