@@ -12,6 +12,12 @@ LabLog::LabLog(const QString& path)
 {
 }
 
+int LabLog::mark()
+{
+    refresh();
+    return m_entries.size();
+}
+
 int LabLog::refresh()
 {
     QFile file(m_path);

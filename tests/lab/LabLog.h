@@ -22,6 +22,9 @@ public:
     // Reads what was appended since the last call; returns the count of new entries.
     int refresh();
     const QList<Entry>& entries() const { return m_entries; }
+    // Reads what the log holds now and returns the index at which entries
+    // written from here on will start (the `from` of find() and count()).
+    int mark();
 
     // Entries from index `from` on with this level and logger whose message
     // starts with `prefix` (any level or logger when empty).

@@ -281,8 +281,7 @@ void tst_LabGrouping::killedReceiverIsDroppedAfterTheTimeout()
     if (QTest::currentTestFailed())
         return;
     LabLog logA = log(1);
-    logA.refresh();
-    const int logFrom = logA.entries().size();
+    const int logFrom = logA.mark();
     // Let B announce a few times before it dies.
     QVERIFY(logA.waitForCount(QStringLiteral("TRACE"), QStringLiteral("SimpleGroupingSocket"),
                               QStringLiteral("Received packet add"), 3, kResendMs * 5, logFrom));
@@ -324,8 +323,7 @@ void tst_LabGrouping::cutReceiverIsDroppedAndReaddedWithinOneResendAfterHeal()
     if (QTest::currentTestFailed())
         return;
     LabLog logA = log(1);
-    logA.refresh();
-    const int logFrom = logA.entries().size();
+    const int logFrom = logA.mark();
 
     const int from = m_events->size();
     QCOMPARE(m_lab->run({QStringLiteral("cut"), QStringLiteral("dev2")}), 0);
@@ -345,8 +343,7 @@ void tst_LabGrouping::cutReceiverIsDroppedAndReaddedWithinOneResendAfterHeal()
     // B itself still believes it follows A: the cut was shorter than B's
     // discovery expiry of A.
     const int healFrom = m_events->size();
-    logA.refresh();
-    const int healLogFrom = logA.entries().size();
+    const int healLogFrom = logA.mark();
     QCOMPARE(m_lab->run({QStringLiteral("heal"), QStringLiteral("dev2")}), 0);
     const qint64 healed = nowMs();
     QCOMPARE(api(2).deviceState(), 1);
@@ -398,8 +395,7 @@ void tst_LabGrouping::killedMasterMakesReceiverLeaveWithinDiscoveryExpiry()
     if (QTest::currentTestFailed())
         return;
     LabLog logB = log(2);
-    logB.refresh();
-    const int logFrom = logB.entries().size();
+    const int logFrom = logB.mark();
 
     QCOMPARE(m_lab->run({QStringLiteral("kill"), QStringLiteral("dev1")}), 0);
     const qint64 killed = nowMs();
@@ -429,8 +425,7 @@ void tst_LabGrouping::killedMasterMakesReceiverLeaveWithinDiscoveryExpiry()
 void tst_LabGrouping::joiningItselfIsRefused()
 {
     LabLog logB = log(2);
-    logB.refresh();
-    const int logFrom = logB.entries().size();
+    const int logFrom = logB.mark();
     // The request itself is well formed, so the request node accepts it; the
     // controller refuses it and says so in its log.
     const LabApi::Reply reply = api(2).join(id(2), QStringLiteral("dev2"), m_lab->address(2));
@@ -452,8 +447,7 @@ void tst_LabGrouping::followedTranscoderCannotJoinAnother()
     if (QTest::currentTestFailed())
         return;
     LabLog logA = log(1);
-    logA.refresh();
-    const int logFrom = logA.entries().size();
+    const int logFrom = logA.mark();
 
     const LabApi::Reply reply = api(1).join(id(3), QStringLiteral("dev3"), m_lab->address(3));
     QCOMPARE(reply.status, 200);
@@ -493,8 +487,7 @@ void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError()
     QFETCH(QString, error);
     QFETCH(QString, logged);
     LabLog logB = log(2);
-    logB.refresh();
-    const int logFrom = logB.entries().size();
+    const int logFrom = logB.mark();
 
     const LabApi::Reply reply = api(2).post(QStringLiteral("invoke"), QStringLiteral("/grouping/request"), body);
     QVERIFY2(reply.status >= 400 && reply.status < 500, reply.body.constData());
@@ -512,8 +505,7 @@ void tst_LabGrouping::garbageDatagramsChangeNothing()
     const QJsonArray before = api(1).rows(kMembers);
     QCOMPARE(rowIds(before), sorted({id(1), id(2)}));
     LabLog logA = log(1);
-    logA.refresh();
-    const int logFrom = logA.entries().size();
+    const int logFrom = logA.mark();
 
     // Five kinds of garbage in turn: binary without a command prefix, "add"
     // with broken JSON, "remove" with a JSON array, "add" with an empty
