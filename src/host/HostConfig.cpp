@@ -8,12 +8,12 @@
 #include <QFileInfo>
 #include <QHostInfo>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QStandardPaths>
 
 #include "HostValidators.h"
+#include "TarvJson.h"
 
 namespace {
 
@@ -204,21 +204,21 @@ bool HostConfig::applyConfigFile(const QString& file, QString* error)
         *error = QStringLiteral("cannot read config file %1: %2").arg(file, in.errorString());
         return false;
     }
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(in.readAll(), &parseError);
-    if (parseError.error != QJsonParseError::NoError) {
+    TarvError parseError;
+    const QVariant parsed = TarvJson::parse(in.readAll(), parseError, nullptr);
+    if (parseError.isError()) {
         *error = QStringLiteral("config file %1 is not valid JSON (at byte %2: %3)")
                      .arg(file)
                      .arg(parseError.offset)
-                     .arg(parseError.errorString());
+                     .arg(parseError.message);
         return false;
     }
-    if (!document.isObject()) {
+    if (parsed.userType() != QMetaType::QVariantHash) {
         *error = QStringLiteral("config file %1 must hold one JSON object").arg(file);
         return false;
     }
     const QString baseDir = QFileInfo(file).absolutePath();
-    const QJsonObject object = document.object();
+    const QJsonObject object = QJsonObject::fromVariantHash(parsed.toHash());
     for (auto it = object.begin(); it != object.end(); ++it) {
         const QString key = it.key();
         const QString where = QStringLiteral("config file %1, \"%2\": ").arg(file, key);

@@ -8,7 +8,6 @@
 
 #include <QElapsedTimer>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QJsonParseError>
 #include <QUrl>
@@ -226,15 +225,14 @@ CtlReply CtlClient::call(const char* method, const QString& endpoint, const Quer
             break;
         }
     } else if (response.status >= 200 && response.status < 300) {
-        QJsonParseError parseError;
-        const QJsonDocument document = QJsonDocument::fromJson(answer, &parseError);
-        if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        QJsonValue document;
+        if (!CtlJson::parse(answer, &document, nullptr) || !document.isObject()) {
             reply = CtlReply::badResponse(response.status,
                                           QStringLiteral("the answer to %1 %2 is not a JSON object: %3")
                                               .arg(QString::fromLatin1(method), where, snippet(answer)),
                                           answer);
         } else {
-            const QJsonObject object = document.object();
+            const QJsonObject object = document.toObject();
             reply = CtlReply::ok(response.status, object, answer);
             for (const QString& key : requiredKeys) {
                 if (!object.contains(key)) {
@@ -262,8 +260,9 @@ CtlReply CtlClient::errorFromAnswer(int status, const QByteArray& body) const
     QString name;
     QString title;
     QString message;
-    const QJsonDocument document = QJsonDocument::fromJson(body);
-    const QJsonValue error = document.object().value(QStringLiteral("error"));
+    QJsonValue document;
+    CtlJson::parse(body, &document, nullptr);
+    const QJsonValue error = document.toObject().value(QStringLiteral("error"));
     if (error.isObject()) {
         const QJsonObject object = error.toObject();
         const auto text = [&object](const char* key) {

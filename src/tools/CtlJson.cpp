@@ -5,27 +5,32 @@
 #include <QJsonObject>
 #include <QJsonParseError>
 
+#include "TarvJson.h"
+
 bool CtlJson::parse(const QByteArray& text, QJsonValue* value, QString* error)
 {
     // Objects and arrays parse as they are, so errors point at the user's
     // text; scalars are wrapped in an array, which shifts offsets by one.
+    // The host's parser reads it, not QJsonDocument, which leaks on
+    // duplicated keys: answers come from whatever listens at the URL.
     const QByteArray trimmed = text.trimmed();
     const bool container = trimmed.startsWith('{') || trimmed.startsWith('[');
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(container ? text : '[' + text + ']', &parseError);
-    if (parseError.error != QJsonParseError::NoError) {
+    TarvError parseError;
+    const QVariant parsed = TarvJson::parse(container ? text : '[' + text + ']', parseError, nullptr);
+    if (parseError.isError()) {
         if (error) {
             const int at = qBound(1, parseError.offset + (container ? 1 : 0), text.size() + 1);
-            *error = QStringLiteral("%1 at character %2").arg(parseError.errorString()).arg(at);
+            *error = QStringLiteral("%1 at character %2").arg(parseError.message).arg(at);
         }
         return false;
     }
+    const QJsonValue document = QJsonValue::fromVariant(parsed);
     if (container) {
         if (value)
-            *value = document.isObject() ? QJsonValue(document.object()) : QJsonValue(document.array());
+            *value = document;
         return true;
     }
-    const QJsonArray array = document.array();
+    const QJsonArray array = document.toArray();
     if (array.size() != 1) {
         if (error)
             *error = array.isEmpty() ? QStringLiteral("no JSON value") : QStringLiteral("more than one JSON value");

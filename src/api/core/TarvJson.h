@@ -15,10 +15,20 @@ struct TarvError
 
 namespace TarvJson {
 
-// Parses JSON text. Objects become QVariantHash (never QVariantMap), so
-// parsed records compare equal to records built in code. On error the result
-// is invalid and `error` says why; `consumed`, when given, receives the
-// number of bytes read (the whole input on success, 0 on error).
+// Parses JSON text that may come from anyone on the LAN. The document must
+// be an object or an array (at most 1024 levels deep); objects become
+// QVariantHash (never QVariantMap), so parsed records compare equal to
+// records built in code; of duplicated keys the last one wins; numbers and
+// error texts are those QJsonDocument gives. On error the result is invalid
+// and `error` says why; `consumed`, when given, receives the number of bytes
+// read (the whole input on success, 0 on error).
+//
+// Deliberately not QJsonDocument::fromJson: Qt 5.15 leaks the earlier value
+// of a duplicated key when it is an object or a non-empty array, so every
+// such datagram or request would cost memory for good. Strictly RFC 8259:
+// unlike QJsonDocument it refuses raw control characters in strings, unknown
+// escapes such as "\x", unpaired surrogate escapes and the numbers ".5" and
+// "1."; no writer of ours produces them.
 QVariant parse(const QByteArray& json, TarvError& error, unsigned int* consumed);
 
 // The JSON value as a variant with every object a QVariantHash.
