@@ -59,6 +59,7 @@ void SimpleGroupingAdder::stop()
     }
     if (m_lookupId != -1) {
         QHostInfo::abortHostLookup(m_lookupId);
+        m_lastAbortedLookupId = m_lookupId;
         m_lookupId = -1;
     }
 
@@ -105,9 +106,16 @@ void SimpleGroupingAdder::on_addrLookup(const QHostInfo& info)
 
     // stop() aborts the pending lookup, but Qt answers a name it has cached
     // with an already posted result that no abort reaches. Acting on it would
-    // announce again after the goodbye.
+    // announce again after the goodbye, or, when start() followed at once, to
+    // the transcoder just left, which would then list a phantom follower
+    // until its time-out.
     if (!m_resendTimer.isActive()) {
         LOG4CPLUS_TRACE(logger(), "Ignoring lookup result for " << info.hostName() << ": not running");
+        LOG4CPLUS_TRACE(logger(), "Leave " << scope);
+        return;
+    }
+    if (info.lookupId() != -1 && info.lookupId() <= m_lastAbortedLookupId) {
+        LOG4CPLUS_TRACE(logger(), "Ignoring lookup result for " << info.hostName() << ": aborted");
         LOG4CPLUS_TRACE(logger(), "Leave " << scope);
         return;
     }

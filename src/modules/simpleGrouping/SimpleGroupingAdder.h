@@ -31,7 +31,8 @@ public:
 
 public Q_SLOTS:
     void on_timer_timeout();
-    // Ignored while stopped: a result that outran stop()'s abort is stale.
+    // Ignored while stopped, and ignored for a lookup that stop() aborted:
+    // such a result is stale even when a new start() is already running.
     void on_addrLookup(const QHostInfo& info);
 
 private:
@@ -41,4 +42,6 @@ private:
     QHostAddress m_address;
     int m_lookupId = -1;
     QTimer m_resendTimer;
+    // The newest lookup id that stop() aborted; lookup ids only grow.
+    int m_lastAbortedLookupId = -1;
 };

@@ -426,6 +426,33 @@ private Q_SLOTS:
         QVERIFY(greeting > goodbye);
     }
 
+    // Qt delivers the first start's lookup of a cached name after stop()
+    // aborted it; the sender, already resolving the second transcoder, must
+    // not greet the first one with it.
+    void quickSecondStartNeverGreetsTheFirstTranscoder()
+    {
+        bool warmed = false;
+        QHostInfo::lookupHost(QStringLiteral("127.0.0.1"), this, [&warmed](const QHostInfo&) { warmed = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(warmed, 2000);
+
+        setResendPeriod(Forever);
+        SimpleGroupingAdder adder;
+        const QString first = message(QStringLiteral("r11"));
+        const QString second = message(QStringLiteral("r11-again"));
+        adder.start(first, QStringLiteral("127.0.0.1"));
+        adder.start(second, QStringLiteral("127.0.0.2"));
+
+        QTRY_COMPARE_WITH_TIMEOUT(lookupsDone(), 2, 2000);
+        QCOMPARE(received(m_second), QList<QByteArray>({payload("add", second)}));
+        QCOMPARE(received(m_first), QList<QByteArray>());
+        // An IP literal's cached result carries the reverse-resolved name.
+        QCOMPARE(m_log.countContaining(log4cplus::TRACE_LOG_LEVEL, QStringLiteral(": aborted"), Logger), 1);
+
+        adder.stop();
+        QCOMPARE(received(m_second), QList<QByteArray>({payload("remove", second)}));
+        QCOMPARE(received(m_first), QList<QByteArray>());
+    }
+
     void restartAfterStopAnnouncesAgain()
     {
         setResendPeriod(Forever);
