@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench bench-link bench-lab clean
+.PHONY: all deps configure build test test-sanitize fuzz demo bench bench-link bench-lab bench-json clean
 
 all: build
 
@@ -17,8 +17,21 @@ configure: deps
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# Every test of the release build, then the sanitizer run and a short run
+# of every fuzzer on the instrumented build.
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+	bash scripts/test-sanitize
+	bash scripts/fuzz $(TEST_FUZZ_SECONDS)
+
+TEST_FUZZ_SECONDS ?= 20
+FUZZ_SECONDS ?= 300
+
+test-sanitize: deps
+	bash scripts/test-sanitize
+
+fuzz: deps
+	bash scripts/fuzz $(FUZZ_SECONDS)
 
 demo: build
 	bash scripts/demo
@@ -32,5 +45,8 @@ bench-link: build
 bench-lab: build
 	bash scripts/bench-lab
 
+bench-json: build
+	bash scripts/bench-json
+
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) build-sanitize

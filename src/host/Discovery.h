@@ -56,12 +56,15 @@ public:
     // Well-formed announcements heard, own ones included.
     qint64 receivedCount() const { return m_received; }
 
+    // One announcement as if it had just arrived from `sender`: what the
+    // socket's reader does with each (the fuzzer feeds it directly).
+    void handleDatagram(const QByteArray& data, const QHostAddress& sender);
+
 Q_SIGNALS:
     void statsChanged(const QVariantHash& stats);
 
 private:
     void announce();
-    void handleDatagram(const QByteArray& data, const QHostAddress& sender);
     void drop(const char* counter, const QHostAddress& sender, const QString& reason);
     void upsert(const TarvSystemMember& record);
     void armExpiry();

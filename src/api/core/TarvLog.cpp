@@ -22,6 +22,10 @@ std::ostream& operator<<(std::ostream& out, const QVariant& value)
     return out << value.toString();
 }
 
+// Never deleted, and reachable through this name with external linkage so
+// that neither the optimiser nor a leak checker loses it.
+log4cplus::Initializer* tarvLogInitializer = nullptr;
+
 namespace TarvLog {
 
 log4cplus::Logger logger(const char* className)
@@ -52,7 +56,7 @@ bool init(const QString& propertiesFile, QString* problem)
 {
     // log4cplus needs its process-wide state before the first logger is used;
     // the initializer is kept for the life of the process on purpose.
-    static log4cplus::Initializer* initializer = new log4cplus::Initializer;
+    static log4cplus::Initializer* const initializer = (tarvLogInitializer = new log4cplus::Initializer);
     Q_UNUSED(initializer);
 
     if (propertiesFile.isEmpty() || !QFileInfo(propertiesFile).isReadable()) {

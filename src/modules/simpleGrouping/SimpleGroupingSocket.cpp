@@ -44,48 +44,55 @@ void SimpleGroupingSocket::on_readyRead()
 
     while (m_socket.hasPendingDatagrams()) {
         const qint64 size = m_socket.pendingDatagramSize();
-        // One spare zero byte so the payload always reads as a terminated
-        // C string, cut at its first zero byte.
-        QByteArray buffer(static_cast<int>(size) + 1, '\0');
+        QByteArray datagram(static_cast<int>(qMax<qint64>(size, 0)), Qt::Uninitialized);
         QHostAddress sender;
-        if (m_socket.readDatagram(buffer.data(), size, &sender) < 0) {
+        const qint64 read = m_socket.readDatagram(datagram.data(), datagram.size(), &sender);
+        if (read < 0) {
             // Nothing was taken from the queue; looping on would never end.
             LOG4CPLUS_ERROR(logger(), "Error reading datagram: " << m_socket.errorString());
             break;
         }
-        const QString text = QString::fromUtf8(buffer.constData());
-        LOG4CPLUS_TRACE(logger(), "Received packet " << text);
-
-        if (text.startsWith(AddPrefix)) {
-            const TarvHash hash = parseBody(text.mid(AddPrefix.size()));
-            if (hash.isEmpty()) {
-                LOG4CPLUS_ERROR(logger(), "Incorrect JSON data, dropping garbage packet");
-                continue;
-            }
-            TarvSystemMember member(hash);
-            // The address the receiver reports is not trusted; the one the
-            // datagram came from is. An unreported address stays unreported.
-            const QString reported = member.ipAddress();
-            if (!reported.isEmpty()) {
-                const QString actual = tarvQHostAddressToIp(sender);
-                LOG4CPLUS_TRACE(logger(), "Changing ipAddress from " << reported << " to " << actual);
-                member.setIpAddress(actual);
-            }
-            LOG4CPLUS_TRACE(logger(), "EMIT addReceiver(" << member << ")");
-            Q_EMIT addReceiver(member);
-        } else if (text.startsWith(RemovePrefix)) {
-            const TarvHash hash = parseBody(text.mid(RemovePrefix.size()));
-            if (hash.isEmpty()) {
-                LOG4CPLUS_ERROR(logger(), "Incorrect JSON data, dropping garbage packet");
-                continue;
-            }
-            const TarvSystemMember member(hash);
-            LOG4CPLUS_TRACE(logger(), "EMIT removeReceiver(" << member << ")");
-            Q_EMIT removeReceiver(member);
-        } else {
-            LOG4CPLUS_INFO(logger(), "Dropping garbage packet");
-        }
+        datagram.truncate(static_cast<int>(read));
+        handleDatagram(datagram, sender);
     }
 
     LOG4CPLUS_TRACE(logger(), "Leave " << scope);
+}
+
+void SimpleGroupingSocket::handleDatagram(const QByteArray& datagram, const QHostAddress& sender)
+{
+    // QByteArray keeps a zero byte after its data, so the payload reads as a
+    // terminated C string, cut at its first zero byte.
+    const QString text = QString::fromUtf8(datagram.constData());
+    LOG4CPLUS_TRACE(logger(), "Received packet " << text);
+
+    if (text.startsWith(AddPrefix)) {
+        const TarvHash hash = parseBody(text.mid(AddPrefix.size()));
+        if (hash.isEmpty()) {
+            LOG4CPLUS_ERROR(logger(), "Incorrect JSON data, dropping garbage packet");
+            return;
+        }
+        TarvSystemMember member(hash);
+        // The address the receiver reports is not trusted; the one the
+        // datagram came from is. An unreported address stays unreported.
+        const QString reported = member.ipAddress();
+        if (!reported.isEmpty()) {
+            const QString actual = tarvQHostAddressToIp(sender);
+            LOG4CPLUS_TRACE(logger(), "Changing ipAddress from " << reported << " to " << actual);
+            member.setIpAddress(actual);
+        }
+        LOG4CPLUS_TRACE(logger(), "EMIT addReceiver(" << member << ")");
+        Q_EMIT addReceiver(member);
+    } else if (text.startsWith(RemovePrefix)) {
+        const TarvHash hash = parseBody(text.mid(RemovePrefix.size()));
+        if (hash.isEmpty()) {
+            LOG4CPLUS_ERROR(logger(), "Incorrect JSON data, dropping garbage packet");
+            return;
+        }
+        const TarvSystemMember member(hash);
+        LOG4CPLUS_TRACE(logger(), "EMIT removeReceiver(" << member << ")");
+        Q_EMIT removeReceiver(member);
+    } else {
+        LOG4CPLUS_INFO(logger(), "Dropping garbage packet");
+    }
 }

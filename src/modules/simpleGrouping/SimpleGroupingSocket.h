@@ -17,6 +17,10 @@ class SimpleGroupingSocket : public QObject
 public:
     SimpleGroupingSocket();
 
+    // One datagram as if it had just arrived from `sender`: what
+    // on_readyRead() does with each (the fuzzer feeds it directly).
+    void handleDatagram(const QByteArray& datagram, const QHostAddress& sender);
+
 Q_SIGNALS:
     void addReceiver(const TarvSystemMember& member);
     void removeReceiver(const TarvSystemMember& member);
