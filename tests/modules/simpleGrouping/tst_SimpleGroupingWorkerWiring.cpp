@@ -103,6 +103,11 @@ private Q_SLOTS:
         // The worker never deletes its components; a test must.
         if (m_worker) {
             delete m_worker->controller();
+            if (SimpleGroupingUI* ui = m_worker->ui()) {
+                delete ui->systemMembersClone();
+                delete ui->groupingMembersClone();
+                delete ui;
+            }
             delete m_worker->request();
         }
         delete m_worker;
@@ -112,16 +117,19 @@ private Q_SLOTS:
         m_log.reset();
     }
 
-    void componentsCreatedControllerRowFirst()
+    void componentsCreatedControllerRowFirstThenUi()
     {
         useFreePort();
         createWorker(3000);
         QVERIFY(m_worker->controller());
+        QVERIFY(m_worker->ui());
         QVERIFY(m_worker->request());
         auto* list = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(CMPath("/modules/simpleGrouping")));
         QVERIFY(list);
-        QVERIFY(list->rowsSize() >= 1);
+        QCOMPARE(list->rowsSize(), 2);
         QCOMPARE(list->getRowRoles(0).path(), TarvGroupingMembersPath());
+        QCOMPARE(list->getRowRoles(1).path(), TarvGroupingUIPath());
+        QCOMPARE(list->getRowRoles(1).title().toString(), QStringLiteral("Transcoders"));
         QVERIFY(membersNode());
         QVERIFY(qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingRequestPath())));
         QVERIFY(qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingMembersRemoveReceiverPath())));
