@@ -184,8 +184,9 @@ CtlExitCode::Enum CtlCommand::runInvoke()
                   [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
 }
 
-CtlExitCode::Enum CtlCommand::invokeGrouping(const QJsonObject& value)
+CtlExitCode::Enum CtlCommand::invokeGrouping(const TarvGroupingRequest& request)
 {
+    const QJsonObject value = toJsonObject(TarvValue().setGroupingRequest(request));
     return finish(m_client.invoke(TarvGroupingRequestPath().toString(), value, m_arguments.timeoutMs()),
                   [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
 }
@@ -226,14 +227,14 @@ CtlExitCode::Enum CtlCommand::runJoin()
         master.setHost(m_arguments.option(QStringLiteral("host")));
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return invokeGrouping(toJsonObject(request));
+    return invokeGrouping(request);
 }
 
 CtlExitCode::Enum CtlCommand::runLeave()
 {
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Leave);
-    return invokeGrouping(toJsonObject(request));
+    return invokeGrouping(request);
 }
 
 CtlExitCode::Enum CtlCommand::runWatch()

@@ -473,12 +473,18 @@ void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError_data()
     QTest::addColumn<QString>("logged");
 
     QTest::newRow("empty") << QByteArray("{}") << "Empty grouping request" << "Empty grouping request";
-    QTest::newRow("join without master") << QByteArray("{\"command\":1}") << "Missing grouping master in request"
-                                         << "Missing grouping master in request";
-    QTest::newRow("join with empty master id") << QByteArray("{\"command\":1,\"master\":{\"id\":\"\",\"name\":\"x\"}}")
-                                               << "Missing grouping master id" << "Missing grouping master id";
-    QTest::newRow("command 0") << QByteArray("{\"command\":0}") << "Invalid command " << "Received invalid command";
-    QTest::newRow("command 2") << QByteArray("{\"command\":2}") << "valid command " << "Received invalid command";
+    QTest::newRow("join without master") << QByteArray(R"({"groupingRequest":{"command":1}})")
+                                         << "Missing grouping master in request" << "Missing grouping master in request";
+    QTest::newRow("join with empty master id")
+        << QByteArray(R"({"groupingRequest":{"command":1,"master":{"id":"","name":"x"}}})")
+        << "Missing grouping master id" << "Missing grouping master id";
+    QTest::newRow("command 0") << QByteArray(R"({"groupingRequest":{"command":0}})") << "Invalid command "
+                               << "Received invalid command";
+    QTest::newRow("command 2") << QByteArray(R"({"groupingRequest":{"command":2}})") << "valid command "
+                               << "Received invalid command";
+    // The older form, the record itself as the value, is read the same way.
+    QTest::newRow("older form, command 2") << QByteArray(R"({"command":2})") << "valid command "
+                                           << "Received invalid command";
 }
 
 void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError()

@@ -154,7 +154,7 @@ void tst_CtlCommand::invokeSendsTheValueAndPrintsTheResult()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    Run result = run({"invoke", "/grouping/request", R"({"command":-1})", "--timeout-ms", "700"}, server.api());
+    Run result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})", "--timeout-ms", "700"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
     result = run({"invoke", "/x"}, server.api());
@@ -162,7 +162,7 @@ void tst_CtlCommand::invokeSendsTheValueAndPrintsTheResult()
 
     const QList<CannedServer::Received> received = server.received();
     QCOMPARE(received.size(), 2);
-    QCOMPARE(received.at(0).body, QByteArray(R"({"command":-1})"));
+    QCOMPARE(received.at(0).body, QByteArray(R"({"groupingRequest":{"command":-1}})"));
     QCOMPARE(received.at(0).params.value("timeout_ms"), QString("700"));
     QCOMPARE(received.at(1).body, QByteArray("{}"));
     QVERIFY(!received.at(1).params.contains("timeout_ms"));
@@ -173,12 +173,12 @@ void tst_CtlCommand::invokeRefusedPrintsTheHostsError()
     CannedServer server;
     const QByteArray error = R"({"error":{"name":"Error","title":"Error","message":"valid command "}})";
     server.answer("POST", "/api/v1/invoke", 422, error);
-    Run result = run({"invoke", "/grouping/request", R"({"command":2})"}, server.api());
+    Run result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
 
-    result = run({"invoke", "/grouping/request", R"({"command":2})", "--json"}, server.api());
+    result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})", "--json"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(error).object());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
@@ -193,7 +193,7 @@ void tst_CtlCommand::leaveSendsTheLeaveCommand()
     QCOMPARE(result.out, QString("true\n"));
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(server.received().first().params.value("path"), QString("/grouping/request"));
-    QCOMPARE(server.received().first().body, QByteArray(R"({"command":-1})"));
+    QCOMPARE(server.received().first().body, QByteArray(R"({"groupingRequest":{"command":-1}})"));
 }
 
 void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
@@ -209,7 +209,7 @@ void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
     QCOMPARE(received.at(1).params.value("path"), QString("/grouping/request"));
     QCOMPARE(received.at(1).params.value("timeout_ms"), QString("900"));
     QCOMPARE(QJsonDocument::fromJson(received.at(1).body).object(),
-             QJsonDocument::fromJson(R"({"command":1,"master":{"id":"b","name":"dev2","host":"h2"}})").object());
+             QJsonDocument::fromJson(R"({"groupingRequest":{"command":1,"master":{"id":"b","name":"dev2","host":"h2"}}})").object());
 }
 
 void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
@@ -220,7 +220,7 @@ void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
-             QJsonDocument::fromJson(R"({"command":1,"master":{"id":"z","name":"far","host":"10.0.0.9"}})").object());
+             QJsonDocument::fromJson(R"({"groupingRequest":{"command":1,"master":{"id":"z","name":"far","host":"10.0.0.9"}}})").object());
 }
 
 void tst_CtlCommand::joinOfAnUnknownDeviceSendsNothing()

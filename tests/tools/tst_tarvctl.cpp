@@ -252,7 +252,11 @@ void tst_tarvctl::setIsReadBack()
 void tst_tarvctl::invokeLeaveAnswersTrue()
 {
     requireHost();
-    Run run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
+    Run run = ctl({"invoke", "/grouping/request", R"({"groupingRequest": {"command": -1}})"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("true\n"));
+    // The older form, the request record itself as the value, still works.
+    run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
     CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
     run = ctl({"leave"}, m_host->api());
@@ -265,9 +269,15 @@ void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText_data()
     QTest::addColumn<QString>("value");
     QTest::addColumn<QString>("message");
     QTest::newRow("empty") << "{}" << "Empty grouping request";
-    QTest::newRow("command 2") << R"({"command":2})" << "valid command ";
-    QTest::newRow("join without master") << R"({"command":1})" << "Missing grouping master in request";
-    QTest::newRow("join without id") << R"({"command":1,"master":{"name":"x"}})" << "Missing grouping master id";
+    QTest::newRow("command 2") << R"({"groupingRequest":{"command":2}})" << "valid command ";
+    QTest::newRow("join without master") << R"({"groupingRequest":{"command":1}})"
+                                         << "Missing grouping master in request";
+    QTest::newRow("join without id") << R"({"groupingRequest":{"command":1,"master":{"name":"x"}}})"
+                                     << "Missing grouping master id";
+    QTest::newRow("union without record") << R"({"groupingRequest":"join"})" << "Invalid command ";
+    QTest::newRow("older form, command 2") << R"({"command":2})" << "valid command ";
+    QTest::newRow("older form, join without id") << R"({"command":1,"master":{"name":"x"}})"
+                                                 << "Missing grouping master id";
 }
 
 void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText()
@@ -349,7 +359,7 @@ void tst_tarvctl::jsonOutputParses_data()
     QTest::newRow("host") << QStringList{"host"} << "id";
     QTest::newRow("get") << QStringList{"get", "/system/member"} << "value";
     QTest::newRow("set") << QStringList{"set", "/settings/streaming/stopTimeout", "--int", "5000"} << "value";
-    QTest::newRow("invoke") << QStringList{"invoke", "/grouping/request", R"({"command":-1})"} << "result";
+    QTest::newRow("invoke") << QStringList{"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})"} << "result";
     QTest::newRow("rows") << QStringList{"rows", "/system/members"} << "rows";
     QTest::newRow("tree") << QStringList{"tree"} << "nodes";
     QTest::newRow("error") << QStringList{"get", "/nope"} << "error";

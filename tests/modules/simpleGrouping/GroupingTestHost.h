@@ -84,6 +84,25 @@ inline TarvSystemMember makeMember(const QString& id, const QString& name, const
     return member;
 }
 
+// A grouping-request record: `command`, and `master` when `withMaster`.
+inline TarvGroupingRequest groupingRequestRecord(int command, const TarvSystemMember& master = TarvSystemMember(),
+                                                 bool withMaster = false)
+{
+    TarvGroupingRequest request;
+    request.setCommand(static_cast<TarvGroupingRequestCommand::Enum>(command));
+    if (withMaster)
+        request.setMaster(master);
+    return request;
+}
+
+// A grouping request as the module's own writers send it: a value union
+// holding the record ({"groupingRequest": {...}}).
+inline TarvHash groupingRequest(int command, const TarvSystemMember& master = TarvSystemMember(),
+                                bool withMaster = false)
+{
+    return TarvValue().setGroupingRequest(groupingRequestRecord(command, master, withMaster));
+}
+
 inline TarvRoles membersRow(const QString& id)
 {
     auto* node = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(TarvGroupingMembersPath()));

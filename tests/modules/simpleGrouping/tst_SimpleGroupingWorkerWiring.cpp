@@ -22,16 +22,12 @@ const QString Worker = QStringLiteral("SimpleGroupingWorker");
 
 TarvHash joinRequest(const TarvSystemMember& master)
 {
-    TarvGroupingRequest request;
-    request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return request;
+    return groupingRequest(TarvGroupingRequestCommand::Join, master, true);
 }
 
 TarvHash leaveRequest()
 {
-    TarvGroupingRequest request;
-    request.setCommand(TarvGroupingRequestCommand::Leave);
-    return request;
+    return groupingRequest(TarvGroupingRequestCommand::Leave);
 }
 } // namespace
 
