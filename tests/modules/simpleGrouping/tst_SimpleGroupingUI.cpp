@@ -76,18 +76,15 @@ QList<TarvRoles> byId(QList<TarvRoles> rows)
 
 TarvHash leaveRequest()
 {
-    TarvGroupingRequest request;
-    request.setCommand(TarvGroupingRequestCommand::Leave);
-    return TarvValue().setGroupingRequest(request);
+    return groupingRequest(TarvGroupingRequestCommand::Leave);
 }
 
+// The UI names the master by id, name and host only.
 TarvHash joinRequest(const QString& id, const QString& name, const QString& host)
 {
     TarvSystemMember master;
     master.setId(id).setName(name).setHost(host);
-    TarvGroupingRequest request;
-    request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return TarvValue().setGroupingRequest(request);
+    return groupingRequest(TarvGroupingRequestCommand::Join, master, true);
 }
 
 TarvHash completionReply()
@@ -214,7 +211,6 @@ private Q_SLOTS:
                 m_clicks.append(Clock::now());
         });
         m_host = std::make_unique<GroupingTestHost>(m_self, 3000, 200);
-        CMRoot()->defineValue(TarvSystemMemberIdPath(), TarvValue().setString_(m_self.id()).toVariant());
         m_nodes = new CMNodes;
         m_groupingNode = CMListRowsNode::create(m_nodes, GroupingNodePath);
         m_groupingMembers = CMListRowsNode::create(m_nodes, TarvGroupingMembersPath());
