@@ -42,6 +42,14 @@ private:
     CtlExitCode::Enum runJoin();
     CtlExitCode::Enum runLeave();
     CtlExitCode::Enum runWatch();
+    // How a watch that saw `seen` events (or lists) of --count ends.
+    CtlExitCode::Enum endWatch(const CtlReply& reply, int seen, const QString& what);
+    CtlExitCode::Enum runUi();
+    CtlExitCode::Enum runUiJoin(const QString& nameOrId);
+    CtlExitCode::Enum runUiWatch();
+    // Activates one of the grouping list's actions and prints what it
+    // answered: `done` when it was carried out, the refusal otherwise.
+    CtlExitCode::Enum activateUiAction(const QString& path, const QString& done);
     // Invokes the grouping-request action with `request` in a value union
     // ({"groupingRequest": {"command": 1, "master": {...}}}, the form the
     // module writes and reads) and prints the result like invoke.
