@@ -17,6 +17,7 @@
 
 #include "Lab.h"
 #include "LabApi.h"
+#include "LabDevices.h"
 #include "LabLog.h"
 
 namespace {
@@ -103,15 +104,6 @@ QJsonObject completionReply()
     };
 }
 
-QStringList rowIds(const QJsonArray& rows)
-{
-    QStringList ids;
-    for (const QJsonValue& row : rows)
-        ids.append(row.toObject().value(QStringLiteral("id")).toString());
-    ids.sort();
-    return ids;
-}
-
 } // namespace
 
 class tst_LabGroupingUI : public QObject
@@ -131,7 +123,7 @@ private Q_SLOTS:
     void transcoderThatJoinsAnotherDisappearsFromTheOthersLists();
 
 private:
-    LabApi& api(int device) { return *m_api[device - 1]; }
+    LabApi& api(int device) { return m_devices.api(device); }
     QString id(int device) const { return m_lab->id(device); }
     QString name(int device) const { return QStringLiteral("dev%1").arg(device); }
     // Activates a UI action of `device` and checks the answer is the
@@ -144,8 +136,8 @@ private:
     QJsonObject aloneView(int device) const;
     bool restoreBaseline(QString* why);
 
-    QScopedPointer<Lab> m_lab;
-    QList<LabApi*> m_api;
+    LabDevices m_devices;
+    Lab* m_lab = nullptr; // the devices' lab once it is up
 };
 
 void tst_LabGroupingUI::initTestCase()
@@ -153,15 +145,9 @@ void tst_LabGroupingUI::initTestCase()
     const QString reason = Lab::unavailableReason();
     if (!reason.isEmpty())
         QSKIP(qPrintable(reason));
-    m_lab.reset(new Lab(QStringLiteral("u%1").arg(QCoreApplication::applicationPid() % 10000000)));
-    QVERIFY2(m_lab->up(3, {QStringLiteral("--resend-ms"), QString::number(kResendMs),
-                           QStringLiteral("--timeout-ms"), QString::number(kTimeoutMs),
-                           QStringLiteral("--discovery-ms"), QString::number(kDiscoveryMs)}),
-             qPrintable(m_lab->lastOutput()));
-    for (int device = 1; device <= 3; ++device) {
-        QVERIFY(!m_lab->id(device).isEmpty());
-        m_api.append(new LabApi(m_lab->api(device), this));
-    }
+    QString why;
+    QVERIFY2(m_devices.up(QStringLiteral("u"), 3, kResendMs, kTimeoutMs, kDiscoveryMs, &why), qPrintable(why));
+    m_lab = &m_devices.lab();
 }
 
 void tst_LabGroupingUI::init()
@@ -172,24 +158,14 @@ void tst_LabGroupingUI::init()
 
 void tst_LabGroupingUI::cleanup()
 {
-    if (QTest::currentTestFailed()) {
-        for (int device = 1; device <= 3; ++device) {
-            LabLog tail(m_lab->logPath(device));
-            tail.refresh();
-            const QList<LabLog::Entry>& entries = tail.entries();
-            qWarning("--- dev%d log, last lines ---", device);
-            for (int i = qMax(0, entries.size() - 20); i < entries.size(); ++i)
-                qWarning("%s %s %s", qPrintable(entries.at(i).level), qPrintable(entries.at(i).logger),
-                         qPrintable(entries.at(i).message.left(300)));
-        }
-    }
+    if (QTest::currentTestFailed())
+        m_devices.printLogTails(20);
 }
 
 void tst_LabGroupingUI::cleanupTestCase()
 {
-    if (m_lab) {
-        QVERIFY2(m_lab->down(), qPrintable(m_lab->lastOutput()));
-    }
+    QString why;
+    QVERIFY2(m_devices.down(&why), qPrintable(why));
 }
 
 QJsonObject tst_LabGroupingUI::aloneView(int device) const
@@ -236,7 +212,7 @@ bool tst_LabGroupingUI::restoreBaseline(QString* why)
             *why = QStringLiteral("dev%1 does not show the others as transcoders: %2").arg(device).arg(seen);
             return false;
         }
-        if (rowIds(api(device).rows(kMembers)) != QStringList{id(device)} || api(device).deviceState() != 2) {
+        if (LabDevices::rowIds(api(device).rows(kMembers)) != QStringList{id(device)} || api(device).deviceState() != 2) {
             *why = QStringLiteral("dev%1 is not a lone transcoder").arg(device);
             return false;
         }
@@ -268,7 +244,7 @@ void tst_LabGroupingUI::joinThroughTheUiIsAnsweredWithTheCompletionReply()
     // dev2 follows dev1, which lists it.
     QStringList both{id(1), id(2)};
     both.sort();
-    QTRY_COMPARE_WITH_TIMEOUT(rowIds(api(1).rows(kMembers)), both, kDeliveryMs);
+    QTRY_COMPARE_WITH_TIMEOUT(LabDevices::rowIds(api(1).rows(kMembers)), both, kDeliveryMs);
     QCOMPARE(api(2).deviceState(), 1);
     QCOMPARE(api(2).ownMasterId(id(2)), id(1));
 
@@ -314,7 +290,7 @@ void tst_LabGroupingUI::transcoderShowsItsFollowersAndTheTranscodersAgainWhenThe
 
     QVERIFY2(waitForView(1, aloneView(1), kDeliveryMs, &seen), qPrintable(seen));
     QVERIFY2(waitForView(2, aloneView(2), kDeliveryMs, &seen), qPrintable(seen));
-    QCOMPARE(rowIds(api(1).rows(kMembers)), QStringList{id(1)});
+    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), QStringList{id(1)});
     QCOMPARE(api(2).deviceState(), 2);
 }
 
