@@ -271,8 +271,10 @@ private Q_SLOTS:
         const size_t after = mallinfo2().uordblks;
         if (addressSanitizer)
             return;
-        // A leak of even 16 bytes a parse would show as 32 KB.
-        QVERIFY2(after < before + 16 * 1024, qPrintable(QStringLiteral("heap in use grew by %1 bytes in %2 parses")
+        // Qt lost 96 to 240 bytes a parse on these (several KB on the large
+        // one), 190 KB and more in 2000 parses; the allocator's own ups and
+        // downs stay well below 64 KB.
+        QVERIFY2(after < before + 64 * 1024, qPrintable(QStringLiteral("heap in use grew by %1 bytes in %2 parses")
                                                             .arg(qint64(after) - qint64(before))
                                                             .arg(rounds)));
     }
