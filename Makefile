@@ -1,10 +1,11 @@
 # Front door. `make test` installs dependencies, builds and runs every test;
+# `make install` and `make package` install or package the build;
 # `make demo` brings up a three-device lab and plays the grouping scenario.
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench bench-link bench-lab clean
+.PHONY: all deps configure build test install package demo bench bench-link bench-lab clean
 
 all: build
 
@@ -19,6 +20,15 @@ build: configure
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+# make install [PREFIX=/usr] [DESTDIR=/path/to/image]; the prefix defaults
+# to the one configured (/usr/local).
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR) $(if $(PREFIX),--prefix $(PREFIX))
+
+# The Debian package, $(BUILD_DIR)/tarv-host_<version>_<arch>.deb.
+package: build
+	cmake --build $(BUILD_DIR) --target package
 
 demo: build
 	bash scripts/demo
