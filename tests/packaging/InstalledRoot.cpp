@@ -53,3 +53,11 @@ Command::Result InstalledRoot::tarvctl(const QStringList& arguments) const
 {
     return Command::run(binary(QStringLiteral("tarvctl")), arguments, 20000, environment());
 }
+
+QString InstalledRoot::readFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    return QString::fromUtf8(file.readAll());
+}

@@ -31,6 +31,10 @@ public:
     QString writeLauncher(const QString& program, const QString& file, const QString& execPrefix = QString()) const;
     Command::Result tarvctl(const QStringList& arguments) const;
 
+    // A text file's contents (of the installed system or any other); empty
+    // when it cannot be read.
+    static QString readFile(const QString& path);
+
 private:
     QString m_root;
     QString m_prefix;

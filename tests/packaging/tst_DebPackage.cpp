@@ -26,14 +26,6 @@ namespace {
 const QString packageName = QStringLiteral("tarv-host");
 const QString architecture = QStringLiteral(TARV_LIBRARY_ARCHITECTURE);
 
-QString readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QString();
-    return QString::fromUtf8(file.readAll());
-}
-
 // Every file and symbolic link under `root`, relative to it, sorted; dpkg's
 // own database is left out.
 QStringList filesUnder(const QString& root)
@@ -168,7 +160,7 @@ private Q_SLOTS:
         const QString control = m_work.filePath(QStringLiteral("control"));
         const Command::Result extracted = Command::run(QStringLiteral("dpkg-deb"), {QStringLiteral("--control"), m_deb, control});
         QVERIFY2(extracted.succeeded(), qPrintable(extracted.report));
-        QCOMPARE(readFile(control + QStringLiteral("/conffiles")),
+        QCOMPARE(InstalledRoot::readFile(control + QStringLiteral("/conffiles")),
                  QStringLiteral("/etc/tarv/tarv-host.json\n/etc/tarv/log4cplus.properties\n"));
         for (const char* script : {"postinst", "prerm", "postrm"})
             QVERIFY2(QFileInfo(control + QLatin1Char('/') + QLatin1String(script)).isExecutable(), script);
@@ -241,7 +233,7 @@ private Q_SLOTS:
 
         // What systemd cannot be asked here without running the unit.
         const QHash<QString, QString> keys =
-            serviceKeys(readFile(verifyRoot + QStringLiteral("/lib/systemd/system/tarv-host.service")));
+            serviceKeys(InstalledRoot::readFile(verifyRoot + QStringLiteral("/lib/systemd/system/tarv-host.service")));
         QCOMPARE(keys.value(QStringLiteral("ExecStart")),
                  QStringLiteral("/usr/bin/tarv-host --config /etc/tarv/tarv-host.json --data-dir /var/lib/tarv-host"));
         QCOMPARE(keys.value(QStringLiteral("User")), QStringLiteral("tarv"));
@@ -269,12 +261,12 @@ private Q_SLOTS:
         const QRegularExpressionMatch user =
             QRegularExpression(QStringLiteral("^tarv:x:(\\d+):(\\d+):[^:]*:/var/lib/tarv-host:/usr/sbin/nologin$"),
                                QRegularExpression::MultilineOption)
-                .match(readFile(m_root + QStringLiteral("/etc/passwd")));
-        QVERIFY2(user.hasMatch(), qPrintable(readFile(m_root + QStringLiteral("/etc/passwd"))));
+                .match(InstalledRoot::readFile(m_root + QStringLiteral("/etc/passwd")));
+        QVERIFY2(user.hasMatch(), qPrintable(InstalledRoot::readFile(m_root + QStringLiteral("/etc/passwd"))));
         m_uid = user.captured(1).toUInt();
         m_gid = user.captured(2).toUInt();
         QVERIFY2(m_uid > 0 && m_uid < 1000, "a system user");
-        QVERIFY(readFile(m_root + QStringLiteral("/etc/group")).contains(QStringLiteral("tarv:x:%1:").arg(m_gid)));
+        QVERIFY(InstalledRoot::readFile(m_root + QStringLiteral("/etc/group")).contains(QStringLiteral("tarv:x:%1:").arg(m_gid)));
 
         struct stat data;
         QCOMPARE(::stat(QFile::encodeName(m_root + QStringLiteral("/var/lib/tarv-host")).constData(), &data), 0);
@@ -311,7 +303,7 @@ private Q_SLOTS:
         QVERIFY2(host.start({QStringLiteral("--config"), installed.path(QStringLiteral("/etc/tarv/tarv-host.json"))}, &error, 20000),
                  qPrintable(error));
 
-        const QString status = readFile(QStringLiteral("/proc/%1/status").arg(host.processId()));
+        const QString status = InstalledRoot::readFile(QStringLiteral("/proc/%1/status").arg(host.processId()));
         QVERIFY2(status.contains(QStringLiteral("\nUid:\t%1\t%1\t%1\t%1\n").arg(m_uid)), qPrintable(status));
         QVERIFY2(status.contains(QStringLiteral("\nNoNewPrivs:\t1\n")), qPrintable(status));
         QVERIFY2(status.contains(QStringLiteral("\nCapEff:\t0000000000000000\n")), qPrintable(status));
@@ -328,7 +320,7 @@ private Q_SLOTS:
         struct stat id;
         QCOMPARE(::stat(QFile::encodeName(dataDir + QStringLiteral("/device-id")).constData(), &id), 0);
         QCOMPARE(uint(id.st_uid), m_uid);
-        QCOMPARE(readFile(dataDir + QStringLiteral("/device-id")).trimmed(), host.id());
+        QCOMPARE(InstalledRoot::readFile(dataDir + QStringLiteral("/device-id")).trimmed(), host.id());
 
         const Command::Result answer = installed.tarvctl({QStringLiteral("--api"), host.api(), QStringLiteral("host")});
         QVERIFY2(answer.succeeded() && answer.output.contains(host.id()), qPrintable(answer.report));

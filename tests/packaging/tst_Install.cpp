@@ -20,14 +20,6 @@ namespace {
 
 const QString architecture = QStringLiteral(TARV_LIBRARY_ARCHITECTURE);
 
-QString readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QString();
-    return QString::fromUtf8(file.readAll());
-}
-
 } // namespace
 
 class tst_Install : public QObject
@@ -96,7 +88,7 @@ private Q_SLOTS:
               installed.path(prefix + QStringLiteral("/lib/tmpfiles.d/tarv-host.conf"))})
             QVERIFY2(QFileInfo(file).isFile(), qPrintable(file + QStringLiteral(" is missing")));
 
-        const QString unit = readFile(installed.path(unitDir + QStringLiteral("/tarv-host.service")));
+        const QString unit = InstalledRoot::readFile(installed.path(unitDir + QStringLiteral("/tarv-host.service")));
         QVERIFY2(unit.contains(QStringLiteral("\nExecStart=%1/bin/tarv-host --config %2/tarv/tarv-host.json --data-dir /var/lib/tarv-host\n")
                                    .arg(prefix, etc)),
                  qPrintable(unit));
@@ -134,9 +126,9 @@ private Q_SLOTS:
                                             120000);
         QVERIFY2(step.succeeded(), qPrintable(step.report));
         // The package found is the installed one.
-        QVERIFY2(readFile(build + QStringLiteral("/CMakeCache.txt"))
+        QVERIFY2(InstalledRoot::readFile(build + QStringLiteral("/CMakeCache.txt"))
                      .contains(QStringLiteral("TarvApi_DIR:PATH=%1/cmake/TarvApi\n").arg(installed.libraryDir())),
-                 qPrintable(readFile(build + QStringLiteral("/CMakeCache.txt"))));
+                 qPrintable(InstalledRoot::readFile(build + QStringLiteral("/CMakeCache.txt"))));
         step = Command::run(QStringLiteral(TARV_CMAKE_COMMAND), {QStringLiteral("--build"), build}, 180000);
         QVERIFY2(step.succeeded(), qPrintable(step.report));
         step = Command::run(QStringLiteral(TARV_CMAKE_COMMAND), {QStringLiteral("--install"), build}, 60000);
