@@ -364,6 +364,36 @@ private Q_SLOTS:
         QCOMPARE(filesUnder(m_root), sortedExpected);
     }
 
+    void reinstallKeepsTheDeviceTheEditedConfigurationAndTheEnabling()
+    {
+        QCOMPARE(packageStatus(), QStringLiteral("deinstall ok config-files"));
+        const QString idFile = m_root + QStringLiteral("/var/lib/tarv-host/device-id");
+        const QString id = InstalledRoot::readFile(idFile);
+        QVERIFY(!id.isEmpty());
+        // An administrator opened the control API to the LAN.
+        const QString config = m_root + QStringLiteral("/etc/tarv/tarv-host.json");
+        QString edited = InstalledRoot::readFile(config);
+        QVERIFY(edited.contains(QStringLiteral("\"127.0.0.1:8080\"")));
+        edited.replace(QStringLiteral("\"127.0.0.1:8080\""), QStringLiteral("\"0.0.0.0:8080\""));
+        QFile file(config);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(edited.toUtf8());
+        file.close();
+
+        Command::Result step = dpkg({QStringLiteral("--force-depends"), QStringLiteral("--install"), m_deb});
+        QVERIFY2(step.succeeded(), qPrintable(step.report));
+        QCOMPARE(packageStatus(), QStringLiteral("install ok installed"));
+        QCOMPARE(InstalledRoot::readFile(config), edited);
+        QCOMPARE(InstalledRoot::readFile(idFile), id);
+        QCOMPARE(QFileInfo(m_root + QStringLiteral("/etc/systemd/system/multi-user.target.wants/tarv-host.service")).symLinkTarget(),
+                 QStringLiteral("/lib/systemd/system/tarv-host.service"));
+        // No longer masked.
+        QVERIFY(!QFileInfo(m_root + QStringLiteral("/etc/systemd/system/tarv-host.service")).isSymLink());
+
+        step = dpkg({QStringLiteral("--remove"), packageName});
+        QVERIFY2(step.succeeded(), qPrintable(step.report));
+    }
+
     void purgeLeavesOnlyTheUser()
     {
         QCOMPARE(packageStatus(), QStringLiteral("deinstall ok config-files"));
