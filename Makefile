@@ -1,10 +1,11 @@
 # Front door. `make test` installs dependencies, builds and runs every test;
+# `make install` and `make package` install or package the build;
 # `make demo` brings up a three-device lab and plays the grouping scenario.
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-sanitize fuzz demo bench bench-link bench-lab bench-json clean
+.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-json clean
 
 all: build
 
@@ -32,6 +33,15 @@ test-sanitize: deps
 
 fuzz: deps
 	bash scripts/fuzz $(FUZZ_SECONDS)
+
+# make install [PREFIX=/usr] [DESTDIR=/path/to/image]; the prefix defaults
+# to the one configured (/usr/local).
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR) $(if $(PREFIX),--prefix $(PREFIX))
+
+# The Debian package, $(BUILD_DIR)/tarv-host_<version>_<arch>.deb.
+package: build
+	cmake --build $(BUILD_DIR) --target package
 
 demo: build
 	bash scripts/demo

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <QCommandLineParser>
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -103,6 +104,22 @@ QString HostConfig::defaultDataDir()
     return base + QStringLiteral("/tarv-host");
 }
 
+QString HostConfig::defaultModuleDir()
+{
+    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1Char('/')
+                           + QStringLiteral(TARV_MODULE_DIR_FROM_BINDIR));
+}
+
+QStringList HostConfig::modulesIn(const QString& directory)
+{
+    QStringList modules;
+    const QFileInfoList files =
+        QDir(directory).entryInfoList({QStringLiteral("*.so")}, QDir::Files | QDir::Readable, QDir::Name);
+    for (const QFileInfo& file : files)
+        modules << file.absoluteFilePath();
+    return modules;
+}
+
 HostConfig::HostConfig()
     : m_name(QHostInfo::localHostName()),
       m_hostName(QHostInfo::localHostName()),
@@ -134,6 +151,10 @@ QString HostConfig::helpText()
         text += left.leftJustified(30) + QLatin1Char(' ') + QLatin1String(option.description) + QLatin1Char('\n');
     }
     text += QStringLiteral("  --help").leftJustified(30) + QStringLiteral(" Show this help and exit.\n");
+    text += QStringLiteral(
+                "\nModules: without --module or a \"module\" list in the config file, every *.so\n"
+                "file in %1 is loaded, by name.\n")
+                .arg(defaultModuleDir());
     text += QStringLiteral(
         "\nPrecedence: command-line options win over settings persisted in the data\n"
         "directory (device name, resend and time-out periods, saved group), which win\n"
@@ -194,6 +215,11 @@ bool HostConfig::parse(const QStringList& arguments, QString* error)
             }
         }
     }
+    // An installed host with no module list runs the modules installed with
+    // it, so that its configuration need not name the multiarch folder and
+    // a module dropped into that folder is picked up.
+    if (origin(QStringLiteral("module")) == Origin::Default)
+        m_modules = modulesIn(defaultModuleDir());
     return true;
 }
 
@@ -261,6 +287,9 @@ bool HostConfig::applyConfigFile(const QString& file, QString* error)
                                                        : QStringLiteral("must be a text or a number"));
             return false;
         }
+        // An empty list is given too: "module": [] means no module at all.
+        if (texts.isEmpty())
+            m_origins.insert(key, Origin::ConfigFile);
         for (const QString& text : texts) {
             QString reason;
             if (!apply(key, text, Origin::ConfigFile, baseDir, &reason)) {

@@ -26,6 +26,12 @@ public:
     static QString defaultDiscoveryGroup() { return QStringLiteral("239.255.77.77"); }
     // ~/.local/share/tarv-host (XDG_DATA_HOME honoured), /var/lib/tarv-host for root.
     static QString defaultDataDir();
+    // Where the modules installed with this program are: the module folder
+    // relative to the program's own folder (lib/<multiarch>/tarv/modules
+    // next to bin/). A host in the build tree has none there.
+    static QString defaultModuleDir();
+    // Every *.so file in `directory`, in name order; none when it does not exist.
+    static QStringList modulesIn(const QString& directory);
 
     HostConfig();
 
@@ -38,6 +44,8 @@ public:
     bool helpRequested() const { return m_help; }
     Origin origin(const QString& key) const { return m_origins.value(key, Origin::Default); }
 
+    // Without --module or a config file's "module" (an empty list there
+    // means none), every module in defaultModuleDir().
     const QStringList& modules() const { return m_modules; }
     const QString& configFile() const { return m_configFile; }
     // Empty when the device id comes from the data directory.

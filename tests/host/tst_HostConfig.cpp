@@ -1,7 +1,9 @@
 #include <unistd.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QHostInfo>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -149,6 +151,74 @@ private Q_SLOTS:
         QString error;
         QVERIFY2(config.parse(args({"--config", file, "--module", "/flag/two.so"}), &error), qPrintable(error));
         QCOMPARE(config.modules(), QStringList{QStringLiteral("/flag/two.so")});
+    }
+
+    void modulesInListsTheSharedObjectsByName()
+    {
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        for (const char* name : {"zeta.so", "alpha.so", "notes.txt", "beta.so.1"})
+            QVERIFY(QFile(dir.filePath(QLatin1String(name))).open(QIODevice::WriteOnly));
+        QVERIFY(QDir(dir.path()).mkdir(QStringLiteral("folder.so")));
+        QCOMPARE(HostConfig::modulesIn(dir.path()),
+                 QStringList({dir.filePath(QStringLiteral("alpha.so")), dir.filePath(QStringLiteral("zeta.so"))}));
+        QCOMPARE(HostConfig::modulesIn(dir.filePath(QStringLiteral("missing"))), QStringList());
+    }
+
+    void theModuleFolderIsNextToTheProgramsFolder()
+    {
+        const QString expected = QDir::cleanPath(QCoreApplication::applicationDirPath()
+                                                 + QStringLiteral("/../lib/%1/tarv/modules").arg(QStringLiteral(TARV_TEST_LIBRARY_ARCHITECTURE)));
+        QCOMPARE(HostConfig::defaultModuleDir(), expected);
+        QVERIFY(HostConfig::helpText().contains(expected));
+    }
+
+    void withoutAModuleListEveryModuleInTheFolderLoads_data()
+    {
+        QTest::addColumn<QByteArray>("configFile");
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QStringList>("expected");
+        const QStringList folder{QStringLiteral("a.so"), QStringLiteral("b.so")};
+        QTest::newRow("nothing given") << QByteArray() << QStringList() << folder;
+        QTest::newRow("config file without module") << QByteArray(R"({"name": "x"})") << QStringList() << folder;
+        QTest::newRow("config file's empty list") << QByteArray(R"({"module": []})") << QStringList() << QStringList();
+        QTest::newRow("config file's list") << QByteArray(R"({"module": "/file/one.so"})") << QStringList()
+                                            << QStringList{QStringLiteral("/file/one.so")};
+        QTest::newRow("command line") << QByteArray() << QStringList{QStringLiteral("--module"), QStringLiteral("/flag/two.so")}
+                                      << QStringList{QStringLiteral("/flag/two.so")};
+    }
+
+    void withoutAModuleListEveryModuleInTheFolderLoads()
+    {
+        QFETCH(QByteArray, configFile);
+        QFETCH(QStringList, arguments);
+        QFETCH(QStringList, expected);
+        // The folder an installed host would have, made next to this test's
+        // folder in the build tree for the time of the test.
+        const QString folder = HostConfig::defaultModuleDir();
+        QString topMade = folder;
+        for (QString dir = folder; !QFileInfo::exists(dir); dir = QFileInfo(dir).path())
+            topMade = dir;
+        QVERIFY2(!QFileInfo::exists(folder), qPrintable(folder + QStringLiteral(" exists already")));
+        struct Remove
+        {
+            QString dir;
+            ~Remove() { QDir(dir).removeRecursively(); }
+        } remove{topMade};
+        QVERIFY(QDir().mkpath(folder));
+        for (const char* name : {"b.so", "a.so"})
+            QVERIFY(QFile(QDir(folder).filePath(QLatin1String(name))).open(QIODevice::WriteOnly));
+
+        if (!configFile.isEmpty())
+            arguments << QStringLiteral("--config") << writeFile(QStringLiteral("modules.json"), configFile);
+        HostConfig config;
+        QString error;
+        QVERIFY2(config.parse(args(arguments), &error), qPrintable(error));
+        for (QString& module : expected) {
+            if (!module.startsWith(QLatin1Char('/')))
+                module = QDir(folder).filePath(module);
+        }
+        QCOMPARE(config.modules(), expected);
     }
 
     void badInputIsAClearError_data()
