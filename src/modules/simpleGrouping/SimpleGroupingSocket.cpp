@@ -61,9 +61,10 @@ void SimpleGroupingSocket::on_readyRead()
 
 void SimpleGroupingSocket::handleDatagram(const QByteArray& datagram, const QHostAddress& sender)
 {
-    // QByteArray keeps a zero byte after its data, so the payload reads as a
-    // terminated C string, cut at its first zero byte.
-    const QString text = QString::fromUtf8(datagram.constData());
+    // The payload is read as a C string: it ends at its first zero byte.
+    // Cut here, not left to a terminator: a caller's bytes need not have one.
+    const int zero = datagram.indexOf('\0');
+    const QString text = QString::fromUtf8(datagram.constData(), zero < 0 ? datagram.size() : zero);
     LOG4CPLUS_TRACE(logger(), "Received packet " << text);
 
     if (text.startsWith(AddPrefix)) {

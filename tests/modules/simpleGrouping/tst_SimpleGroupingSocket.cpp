@@ -284,6 +284,22 @@ private Q_SLOTS:
         QTest::newRow("add separated by space then text") << QByteArray("add me");
     }
 
+    // A datagram handed over as bytes that are not followed by a zero byte
+    // (a slice of a larger buffer) ends where the bytes end.
+    void handedDatagramEndsAtItsSizeWithoutTerminator()
+    {
+        static const char buffer[] = "add{\"id\":\"r1\",\"ipAddress\":\"10.0.0.9\"}tail";
+        const QByteArray datagram = QByteArray::fromRawData(buffer, int(sizeof buffer) - 1 - 4);
+        SimpleGroupingSocket listener;
+        QSignalSpy adds(&listener, &SimpleGroupingSocket::addReceiver);
+        listener.handleDatagram(datagram, QHostAddress(QStringLiteral("10.77.0.12")));
+        QCOMPARE(adds.count(), 1);
+        const TarvSystemMember added = adds.at(0).at(0).value<TarvSystemMember>();
+        QCOMPARE(added.id(), QStringLiteral("r1"));
+        QCOMPARE(added.ipAddress(), QStringLiteral("10.77.0.12"));
+        QCOMPARE(m_log.messages(log4cplus::ERROR_LOG_LEVEL), QStringList());
+    }
+
     void incorrectJsonIsDroppedAtError()
     {
         QFETCH(QByteArray, payload);
