@@ -6,6 +6,7 @@
 #include <tarv>
 
 #include "SimpleGroupingCtrl.h"
+#include "SimpleGroupingObserver.h"
 #include "SimpleGroupingRequest.h"
 
 // The module object: the one worker the host knows. It publishes the
@@ -23,6 +24,7 @@ public:
     // The components, for inspection. The worker never deletes them.
     SimpleGroupingCtrl* controller() const { return m_ctrl; }
     SimpleGroupingRequest* request() const { return m_request; }
+    SimpleGroupingObserver* observer() const { return m_observer; }
 
 Q_SIGNALS:
     void requestRemoveReceiver(const TarvSystemMember& member);
@@ -36,7 +38,7 @@ private:
     SimpleGroupingCtrl* m_ctrl = nullptr;
     // The UI (SimpleGroupingUI) will be held here.
     SimpleGroupingRequest* m_request = nullptr;
-    // The observer (SimpleGroupingObserver) will be held here.
+    SimpleGroupingObserver* m_observer = nullptr;
     CMActivateNode* m_removeReceiverNode = nullptr;
 };
 
