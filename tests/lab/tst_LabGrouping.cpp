@@ -17,14 +17,9 @@
 #include "LabApi.h"
 #include "LabEventStream.h"
 #include "LabLog.h"
+#include "LabRows.h"
 
 namespace {
-
-QStringList sorted(QStringList list)
-{
-    list.sort();
-    return list;
-}
 
 // Short time settings so that every scenario ends in seconds. The discovery
 // period is deliberately long next to the receiver time-out: a receiver cut
@@ -46,35 +41,6 @@ const QString kMembers = QStringLiteral("/grouping/members");
 qint64 nowMs()
 {
     return QDateTime::currentMSecsSinceEpoch();
-}
-
-QJsonObject groupingMember(const QJsonObject& row)
-{
-    return row.value(QStringLiteral("value")).toObject().value(QStringLiteral("groupingMember")).toObject();
-}
-
-QString masterIdOf(const QJsonObject& row)
-{
-    return groupingMember(row).value(QStringLiteral("master")).toObject().value(QStringLiteral("id")).toString();
-}
-
-QString followerIdOf(const QJsonObject& row)
-{
-    return groupingMember(row).value(QStringLiteral("follower")).toObject().value(QStringLiteral("id")).toString();
-}
-
-QStringList rowIds(const QJsonArray& rows)
-{
-    QStringList ids;
-    for (const QJsonValue& row : rows)
-        ids.append(row.toObject().value(QStringLiteral("id")).toString());
-    ids.sort();
-    return ids;
-}
-
-QString errorMessage(const LabApi::Reply& reply)
-{
-    return reply.json.toObject().value(QStringLiteral("error")).toObject().value(QStringLiteral("message")).toString();
 }
 
 } // namespace
@@ -122,10 +88,7 @@ void tst_LabGrouping::initTestCase()
     if (!reason.isEmpty())
         QSKIP(qPrintable(reason));
     m_lab.reset(new Lab(QStringLiteral("g%1").arg(QCoreApplication::applicationPid() % 10000000)));
-    QVERIFY2(m_lab->up(3, {QStringLiteral("--resend-ms"), QString::number(kResendMs),
-                           QStringLiteral("--timeout-ms"), QString::number(kTimeoutMs),
-                           QStringLiteral("--discovery-ms"), QString::number(kDiscoveryMs)}),
-             qPrintable(m_lab->lastOutput()));
+    QVERIFY2(m_lab->up(3, Lab::timeOptions(kResendMs, kTimeoutMs, kDiscoveryMs)), qPrintable(m_lab->lastOutput()));
     for (int device = 1; device <= 3; ++device) {
         QVERIFY(!m_lab->id(device).isEmpty());
         m_api.append(new LabApi(m_lab->api(device), this));
@@ -143,15 +106,8 @@ void tst_LabGrouping::init()
 void tst_LabGrouping::cleanup()
 {
     if (QTest::currentTestFailed()) {
-        for (int device = 1; device <= 3; ++device) {
-            LabLog tail = log(device);
-            tail.refresh();
-            const QList<LabLog::Entry>& entries = tail.entries();
-            qWarning("--- dev%d log, last lines ---", device);
-            for (int i = qMax(0, entries.size() - 25); i < entries.size(); ++i)
-                qWarning("%s %s %s", qPrintable(entries.at(i).level), qPrintable(entries.at(i).logger),
-                         qPrintable(entries.at(i).message.left(300)));
-        }
+        for (int device = 1; device <= 3; ++device)
+            log(device).warnTail(QStringLiteral("dev%1 log").arg(device), 25);
     }
 }
 
@@ -165,16 +121,7 @@ void tst_LabGrouping::cleanupTestCase()
 
 bool tst_LabGrouping::waitAlone(int device, int timeoutMs)
 {
-    QElapsedTimer clock;
-    clock.start();
-    do {
-        const QJsonArray rows = api(device).rows(kMembers);
-        if (api(device).deviceState() == 2 && rowIds(rows) == QStringList{id(device)}
-            && masterIdOf(rows.at(0).toObject()) == id(device))
-            return true;
-        QTest::qWait(50);
-    } while (clock.elapsed() < timeoutMs);
-    return false;
+    return api(device).waitAlone(id(device), timeoutMs);
 }
 
 bool tst_LabGrouping::restoreBaseline(QString* why)
@@ -197,10 +144,7 @@ bool tst_LabGrouping::restoreBaseline(QString* why)
     // A follower that was killed or cut is dropped only at its time-out.
     for (int device = 1; device <= 3; ++device) {
         if (!waitAlone(device, kTimeoutMs + 2000)) {
-            *why = QStringLiteral("dev%1 is not a lone transcoder: state %2, members %3")
-                       .arg(device)
-                       .arg(api(device).deviceState())
-                       .arg(QString::fromUtf8(QJsonDocument(api(device).rows(kMembers)).toJson(QJsonDocument::Compact)));
+            *why = QStringLiteral("dev%1 is not a lone transcoder: %2").arg(device).arg(api(device).groupingSummary());
             return false;
         }
     }
