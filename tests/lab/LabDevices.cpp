@@ -1,7 +1,6 @@
 #include "LabDevices.h"
 
 #include <QCoreApplication>
-#include <QJsonObject>
 
 #include "LabLog.h"
 
@@ -12,9 +11,7 @@ LabDevices::~LabDevices() = default;
 bool LabDevices::up(const QString& prefix, int devices, int resendMs, int timeoutMs, int discoveryMs, QString* why)
 {
     m_lab.reset(new Lab(prefix + QString::number(QCoreApplication::applicationPid() % 10000000)));
-    if (!m_lab->up(devices, {QStringLiteral("--resend-ms"), QString::number(resendMs), QStringLiteral("--timeout-ms"),
-                             QString::number(timeoutMs), QStringLiteral("--discovery-ms"),
-                             QString::number(discoveryMs)})) {
+    if (!m_lab->up(devices, Lab::timeOptions(resendMs, timeoutMs, discoveryMs))) {
         *why = m_lab->lastOutput();
         return false;
     }
@@ -40,22 +37,6 @@ bool LabDevices::down(QString* why)
 
 void LabDevices::printLogTails(int lines) const
 {
-    for (int device = 1; device <= int(m_api.size()); ++device) {
-        LabLog tail(m_lab->logPath(device));
-        tail.refresh();
-        const QList<LabLog::Entry>& entries = tail.entries();
-        qWarning("--- dev%d log, last lines ---", device);
-        for (int i = qMax(0, entries.size() - lines); i < entries.size(); ++i)
-            qWarning("%s %s %s", qPrintable(entries.at(i).level), qPrintable(entries.at(i).logger),
-                     qPrintable(entries.at(i).message.left(300)));
-    }
-}
-
-QStringList LabDevices::rowIds(const QJsonArray& rows)
-{
-    QStringList ids;
-    for (const QJsonValue& row : rows)
-        ids.append(row.toObject().value(QStringLiteral("id")).toString());
-    ids.sort();
-    return ids;
+    for (int device = 1; device <= int(m_api.size()); ++device)
+        LabLog(m_lab->logPath(device)).warnTail(QStringLiteral("dev%1 log").arg(device), lines);
 }

@@ -37,9 +37,6 @@ public:
     // that failed.
     void printLogTails(int lines) const;
 
-    // The ids of a list's rows, sorted.
-    static QStringList rowIds(const QJsonArray& rows);
-
 private:
     QScopedPointer<Lab> m_lab;
     std::vector<std::unique_ptr<LabApi>> m_api;

@@ -180,12 +180,12 @@ void tst_LabGrouping::joinListsReceiverOnTranscoderWithinOneSecond()
     QCOMPARE(followerIdOf(row), id(2));
     QCOMPARE(groupingMember(row).value(QStringLiteral("follower")).toObject().value(QStringLiteral("ipAddress")).toString(),
              m_lab->address(2));
-    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
+    QCOMPARE(rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
 
     // B is a receiver whose own row names A; A is still a transcoder.
     QCOMPARE(api(2).deviceState(), 1);
     QCOMPARE(api(2).ownMasterId(id(2)), id(1));
-    QCOMPARE(LabDevices::rowIds(api(2).rows(kMembers)), QStringList{id(2)});
+    QCOMPARE(rowIds(api(2).rows(kMembers)), QStringList{id(2)});
     QCOMPARE(api(1).deviceState(), 2);
     QCOMPARE(api(1).ownMasterId(id(1)), id(1));
     QCOMPARE(api(1).value(QStringLiteral("/system/member")).toObject().value(QStringLiteral("systemMember")).toObject()
@@ -208,7 +208,7 @@ void tst_LabGrouping::leaveRemovesReceiverAtOnce()
     QVERIFY2(removed >= 0, "dev1 still lists dev2 after its leave");
     QVERIFY(m_events->events().at(removed).receivedMs - requested <= kDeliveryMs * 2);
 
-    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), QStringList{id(1)});
+    QCOMPARE(rowIds(api(1).rows(kMembers)), QStringList{id(1)});
     QCOMPARE(api(2).deviceState(), 2);
     QCOMPARE(api(2).ownMasterId(id(2)), id(2));
     QCOMPARE(followerIdOf(api(2).row(kMembers, id(2))), id(2));
@@ -249,7 +249,7 @@ void tst_LabGrouping::killedReceiverIsDroppedAfterTheTimeout()
     QVERIFY2(delay >= kTimeoutMs - 1000, qPrintable(QStringLiteral("dropped too early: %1 ms").arg(delay)));
     QVERIFY2(delay <= kTimeoutMs + 1000, qPrintable(QStringLiteral("dropped too late: %1 ms").arg(delay)));
     QVERIFY(m_events->events().at(removed).receivedMs - removals.first().timeMs <= kDeliveryMs);
-    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), QStringList{id(1)});
+    QCOMPARE(rowIds(api(1).rows(kMembers)), QStringList{id(1)});
 
     QVERIFY2(m_lab->run({QStringLiteral("restart"), QStringLiteral("dev2")}) == 0, qPrintable(m_lab->lastOutput()));
     m_lab->status();
@@ -376,7 +376,7 @@ void tst_LabGrouping::joiningItselfIsRefused()
     QVERIFY(refusal.message.contains(id(2)));
 
     QCOMPARE(api(2).deviceState(), 2);
-    QCOMPARE(LabDevices::rowIds(api(2).rows(kMembers)), QStringList{id(2)});
+    QCOMPARE(rowIds(api(2).rows(kMembers)), QStringList{id(2)});
     QCOMPARE(api(2).ownMasterId(id(2)), id(2));
 }
 
@@ -400,9 +400,9 @@ void tst_LabGrouping::followedTranscoderCannotJoinAnother()
     // Nothing changed on A; B still follows it; C has no follower.
     QCOMPARE(api(1).deviceState(), 2);
     QCOMPARE(api(1).ownMasterId(id(1)), id(1));
-    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
+    QCOMPARE(rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
     QCOMPARE(api(2).deviceState(), 1);
-    QCOMPARE(LabDevices::rowIds(api(3).rows(kMembers)), QStringList{id(3)});
+    QCOMPARE(rowIds(api(3).rows(kMembers)), QStringList{id(3)});
 }
 
 void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError_data()
@@ -439,7 +439,7 @@ void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError()
     QCOMPARE(errorMessage(reply), error);
     QVERIFY(logB.waitForCount(QStringLiteral("ERROR"), QStringLiteral("SimpleGroupingRequest"), logged, 1, 2000, logFrom));
     QCOMPARE(api(2).deviceState(), 2);
-    QCOMPARE(LabDevices::rowIds(api(2).rows(kMembers)), QStringList{id(2)});
+    QCOMPARE(rowIds(api(2).rows(kMembers)), QStringList{id(2)});
 }
 
 void tst_LabGrouping::garbageDatagramsChangeNothing()
@@ -448,7 +448,7 @@ void tst_LabGrouping::garbageDatagramsChangeNothing()
     if (QTest::currentTestFailed())
         return;
     const QJsonArray before = api(1).rows(kMembers);
-    QCOMPARE(LabDevices::rowIds(before), sorted({id(1), id(2)}));
+    QCOMPARE(rowIds(before), sorted({id(1), id(2)}));
     LabLog logA = log(1);
     const int logFrom = logA.mark();
 

@@ -19,6 +19,7 @@
 #include "LabApi.h"
 #include "LabDevices.h"
 #include "LabLog.h"
+#include "LabRows.h"
 
 namespace {
 
@@ -212,7 +213,7 @@ bool tst_LabGroupingUI::restoreBaseline(QString* why)
             *why = QStringLiteral("dev%1 does not show the others as transcoders: %2").arg(device).arg(seen);
             return false;
         }
-        if (LabDevices::rowIds(api(device).rows(kMembers)) != QStringList{id(device)} || api(device).deviceState() != 2) {
+        if (rowIds(api(device).rows(kMembers)) != QStringList{id(device)} || api(device).deviceState() != 2) {
             *why = QStringLiteral("dev%1 is not a lone transcoder").arg(device);
             return false;
         }
@@ -244,7 +245,7 @@ void tst_LabGroupingUI::joinThroughTheUiIsAnsweredWithTheCompletionReply()
     // dev2 follows dev1, which lists it.
     QStringList both{id(1), id(2)};
     both.sort();
-    QTRY_COMPARE_WITH_TIMEOUT(LabDevices::rowIds(api(1).rows(kMembers)), both, kDeliveryMs);
+    QTRY_COMPARE_WITH_TIMEOUT(rowIds(api(1).rows(kMembers)), both, kDeliveryMs);
     QCOMPARE(api(2).deviceState(), 1);
     QCOMPARE(api(2).ownMasterId(id(2)), id(1));
 
@@ -290,7 +291,7 @@ void tst_LabGroupingUI::transcoderShowsItsFollowersAndTheTranscodersAgainWhenThe
 
     QVERIFY2(waitForView(1, aloneView(1), kDeliveryMs, &seen), qPrintable(seen));
     QVERIFY2(waitForView(2, aloneView(2), kDeliveryMs, &seen), qPrintable(seen));
-    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), QStringList{id(1)});
+    QCOMPARE(rowIds(api(1).rows(kMembers)), QStringList{id(1)});
     QCOMPARE(api(2).deviceState(), 2);
 }
 
