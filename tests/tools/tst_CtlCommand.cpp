@@ -420,6 +420,8 @@ void tst_CtlCommand::uiWatchWithTooFewListsTimesOut()
     result = run({"ui", "--watch", "--count", "1", "--json", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
+}
+
 void tst_CtlCommand::saveNamesDevicesByIdOrNameAndSendsTheSavedGroup()
 {
     CannedServer server;
