@@ -13,6 +13,7 @@
 #include <QTest>
 #include <QUdpSocket>
 
+#include "Discovery.h"
 #include "Lab.h"
 #include "LabApi.h"
 #include "LabEventStream.h"
@@ -26,14 +27,16 @@ QStringList sorted(QStringList list)
     return list;
 }
 
-// Short time settings so that every scenario ends in seconds. The discovery
-// period is deliberately long next to the receiver time-out: a receiver cut
+// Short time settings so that every scenario ends in seconds. A receiver cut
 // off until its transcoder drops it (up to time-out + 1 s) must not meanwhile
-// lose the transcoder from its own member list (after three missed periods),
-// or it would leave the group and never be re-added after the heal.
+// lose the transcoder from its own member list, or it would leave the group
+// and never be re-added after the heal: discovery's removal bound must be
+// longer than that.
 constexpr int kResendMs = 300;
 constexpr int kTimeoutMs = 2000;
-constexpr int kDiscoveryMs = 2500;
+constexpr int kDiscoveryMs = 1000;
+constexpr int kDiscoveryGoneMs = Discovery::silenceLimitMs(Discovery::GoneAfterMissed, kDiscoveryMs);
+static_assert(kDiscoveryGoneMs > kTimeoutMs + 1000 + kDiscoveryMs, "a cut-off receiver would lose its master");
 constexpr int kRequestPort = 41230;
 
 // Allowance for getting a change from the host to this process (HTTP event
@@ -399,9 +402,9 @@ void tst_LabGrouping::killedMasterMakesReceiverLeaveWithinDiscoveryExpiry()
 
     QCOMPARE(m_lab->run({QStringLiteral("kill"), QStringLiteral("dev1")}), 0);
     const qint64 killed = nowMs();
-    // B drops A from its members after three discovery periods without an
-    // announcement from it; A's last one left before the kill.
-    const int expiry = 3 * kDiscoveryMs;
+    // B drops A from its members once it missed the discovery limit of
+    // announcements; A's last one left before the kill.
+    const int expiry = kDiscoveryGoneMs;
     QVERIFY2(logB.waitForCount(QStringLiteral("INFO"), QStringLiteral("SimpleGroupingCtrl"), QStringLiteral("Master disappeared, leaving group"),
                                1, expiry + 1000, logFrom),
              "dev2 did not leave its vanished master");
