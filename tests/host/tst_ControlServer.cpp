@@ -1,5 +1,6 @@
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include <QElapsedTimer>
 #include <QTcpSocket>
