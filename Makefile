@@ -4,7 +4,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test demo bench bench-link bench-lab clean
+.PHONY: all deps configure build test demo bench bench-link bench-lab soak clean
 
 all: build
 
@@ -31,6 +31,9 @@ bench-link: build
 
 bench-lab: build
 	bash scripts/bench-lab
+
+soak: build
+	bash scripts/soak
 
 clean:
 	rm -rf $(BUILD_DIR)
