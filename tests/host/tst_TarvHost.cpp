@@ -327,6 +327,7 @@ private Q_SLOTS:
 
         std::vector<double> latenciesMs;
         int failures = 0;
+        long long attackOpen = 0;
         QElapsedTimer running;
         running.start();
         while (running.elapsed() < 10000) {
@@ -339,21 +340,24 @@ private Q_SLOTS:
             latenciesMs.push_back(one.nsecsElapsed() / 1e6);
             if (!result || result->status != 200)
                 ++failures;
+            attackOpen += attack.open();
             // A client that asks a few times a second, like the web page.
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
-        // The attack was in place the whole time, not turned away.
-        const int openAtEnd = attack.open();
+        // The attack was in place the whole time, not turned away: the host
+        // ends idle and slow connections and they come back at once, so on
+        // average nearly all of them are open.
+        const double openOnAverage = double(attackOpen) / double(latenciesMs.size());
         attack.stop();
         std::sort(latenciesMs.begin(), latenciesMs.end());
         const auto at = [&](double share) {
             return latenciesMs[std::min(latenciesMs.size() - 1, static_cast<size_t>(share * latenciesMs.size()))];
         };
         qInfo("GET /api/v1/host under 50 slow + 200 idle connections: n %zu, failures %d, p50 %.1f ms, p99 %.1f ms, "
-              "max %.1f ms; attack connections open at the end %d, ended by the host %d",
-              latenciesMs.size(), failures, at(0.5), at(0.99), latenciesMs.back(), openAtEnd,
+              "max %.1f ms; attack connections open on average %.1f, ended by the host %d",
+              latenciesMs.size(), failures, at(0.5), at(0.99), latenciesMs.back(), openOnAverage,
               attack.closedByServer());
-        QVERIFY(openAtEnd >= 240);
+        QVERIFY2(openOnAverage >= 225.0, qPrintable(QString::number(openOnAverage)));
         QCOMPARE(failures, 0);
         QVERIFY2(at(0.99) <= 100.0, qPrintable(QString::number(at(0.99))));
         QVERIFY2(host->stop(), qPrintable(host->output()));
