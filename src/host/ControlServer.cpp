@@ -207,8 +207,7 @@ bool ControlServer::process_and_close_socket(socket_t sock)
             m_arrivals.push_back(std::move(connection));
         }
         // One warning per client and crowd, not one per connection of a flood.
-        if (!refusal.empty() && !m_refusing[peer]) {
-            m_refusing[peer] = true;
+        if (!refusal.empty() && m_refusing.insert(peer).second) {
             LOG4CPLUS_WARN(logger(), "Refusing connections from " << peer.c_str() << ": " << refusal.c_str());
         }
     }

@@ -1,12 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -80,7 +80,8 @@ private:
 
     std::mutex m_mutex;
     std::map<std::string, int> m_perPeer;
-    std::map<std::string, bool> m_refusing;
+    // Addresses refused since they last got a connection in (warned once).
+    std::set<std::string> m_refusing;
     int m_connections = 0;
     std::deque<ConnectionPtr> m_arrivals;
     bool m_closing = false;
