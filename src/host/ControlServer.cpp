@@ -1,7 +1,9 @@
 #include "ControlServer.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -225,10 +227,28 @@ void ControlServer::wake()
     (void)!::write(m_wakeFd, &one, sizeof one);
 }
 
-bool ControlServer::headComplete(const Connection& connection, size_t searchFrom)
+ControlServer::Arrival ControlServer::arrival(const Connection& connection) const
 {
-    return connection.pending.size() >= MaxHeadBytes
-        || connection.pending.find("\r\n\r\n", searchFrom) != std::string::npos;
+    const std::string& pending = connection.pending;
+    const size_t headEnd = pending.find("\r\n\r\n");
+    if (headEnd == std::string::npos)
+        return pending.size() >= MaxHeadBytes ? Arrival::Whole : Arrival::Head;
+    // The body waits here too when its length is known, so that a client
+    // sending it slowly holds no worker. A client that waits for "100
+    // Continue" before sending it, and a body too large to take, go to a
+    // worker at once (httplib answers both).
+    std::string head = pending.substr(0, headEnd + 2);
+    std::transform(head.begin(), head.end(), head.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (head.find("\r\nexpect:") != std::string::npos)
+        return Arrival::Whole;
+    const size_t field = head.find("\r\ncontent-length:");
+    if (field == std::string::npos)
+        return Arrival::Whole;
+    char* end = nullptr;
+    const unsigned long long length = std::strtoull(head.c_str() + field + 17, &end, 10);
+    if (end == head.c_str() + field + 17 || length > std::min<size_t>(payload_max_length_, MaxWaitingBodyBytes))
+        return Arrival::Whole;
+    return pending.size() >= headEnd + 4 + length ? Arrival::Whole : Arrival::Body;
 }
 
 void ControlServer::waitLoop()
@@ -246,7 +266,7 @@ void ControlServer::waitLoop()
             for (ConnectionPtr& arrival : m_arrivals) {
                 // A client that sent its next request along with the last
                 // one is served at once.
-                if (!arrival->pending.empty() && headComplete(*arrival, 0)) {
+                if (!arrival->pending.empty() && this->arrival(*arrival) == Arrival::Whole) {
                     ConnectionPtr ready = std::move(arrival);
                     m_workers->enqueue([this, raw = ready.release()] { serve(ConnectionPtr(raw)); });
                 } else {
@@ -271,8 +291,10 @@ void ControlServer::waitLoop()
             } else {
                 LOG4CPLUS_DEBUG(logger(), "No whole request from " << connection->peer.c_str() << " within "
                                                                      << HeadDeadlineMs << " ms");
+                const char* what = arrival(*connection) == Arrival::Head ? "headers" : "body";
                 refuse(connection->fd, 408, "RequestTimeout", "Request timeout",
-                       "The request's headers did not arrive within " + std::to_string(HeadDeadlineMs) + " ms");
+                       std::string("The request's ") + what + " did not arrive within "
+                           + std::to_string(HeadDeadlineMs) + " ms");
             }
             forget(*connection);
             connection.reset();
@@ -293,9 +315,8 @@ void ControlServer::waitLoop()
             if (!polled[i].revents)
                 continue;
             ConnectionPtr& connection = waiting[i - 1];
-            const size_t before = connection->pending.size();
-            const ssize_t got = ::recv(connection->fd, buffer,
-                                       std::min(sizeof buffer, MaxHeadBytes - connection->pending.size()), 0);
+            const size_t room = MaxHeadBytes + MaxWaitingBodyBytes - connection->pending.size();
+            const ssize_t got = ::recv(connection->fd, buffer, std::min(sizeof buffer, room), 0);
             if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
                 continue;
             if (got <= 0) {
@@ -306,7 +327,7 @@ void ControlServer::waitLoop()
                 continue;
             }
             connection->pending.append(buffer, static_cast<size_t>(got));
-            if (headComplete(*connection, before > 3 ? before - 3 : 0)) {
+            if (arrival(*connection) == Arrival::Whole) {
                 m_workers->enqueue([this, raw = connection.release()] { serve(ConnectionPtr(raw)); });
             }
         }

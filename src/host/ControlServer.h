@@ -18,11 +18,13 @@
 // keep-alive ones, and ones whose head is still arriving) wait together in
 // one poll thread, so slow or idle clients cannot starve the workers.
 //   - a connection must deliver its next request's first byte within IdleMs
-//     (else it is closed, as a keep-alive time-out) and the whole head
-//     within HeadDeadlineMs of starting to wait (else it is answered 408);
+//     (else it is closed, as a keep-alive time-out) and the whole head, and
+//     a body of a given Content-Length, within HeadDeadlineMs of starting to
+//     wait (else it is answered 408);
 //   - at most MaxConnectionsPerPeer connections per client address and
 //     MaxConnections in all; more are answered 503 and closed;
-//   - a request's body must arrive within BodyDeadlineMs of its head.
+//   - what a worker still has to read (a body sent after "100 Continue",
+//     or a chunked one) must arrive within BodyDeadlineMs.
 class ControlServer : public httplib::Server
 {
 public:
@@ -30,6 +32,8 @@ public:
     static constexpr int HeadDeadlineMs = 5000;
     static constexpr int BodyDeadlineMs = 5000;
     static constexpr size_t MaxHeadBytes = 16 * 1024;
+    // Larger bodies are read by a worker.
+    static constexpr size_t MaxWaitingBodyBytes = 64 * 1024;
     static constexpr int MaxConnectionsPerPeer = 64;
     static constexpr int MaxConnections = 512;
     static constexpr int ListenBacklog = 128;
@@ -70,9 +74,12 @@ private:
 
     void waitLoop();
     void wake();
-    // True once `connection.pending` holds a whole request head (or as much
-    // of one as a head may be).
-    static bool headComplete(const Connection& connection, size_t searchFrom);
+    enum class Arrival {
+        Head,  // the head is still coming
+        Body,  // the head is in, its body (of known length) still coming
+        Whole, // ready for a worker (or as much as may wait here)
+    };
+    Arrival arrival(const Connection& connection) const;
     void serve(ConnectionPtr connection);
     void release(ConnectionPtr connection);
     void refuse(int fd, int status, const std::string& name, const std::string& title, const std::string& message);

@@ -75,6 +75,9 @@ private Q_SLOTS:
         m_server->Get("/x", [](const httplib::Request&, httplib::Response& response) {
             response.set_content("ok", "text/plain");
         });
+        m_server->Put("/y", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content("got " + request.body, "text/plain");
+        });
         m_port = m_server->bind_to_any_port("127.0.0.1");
         QVERIFY(m_port > 0);
         QVERIFY(m_server->widenListenBacklog());
@@ -124,23 +127,70 @@ private Q_SLOTS:
         QCOMPARE(answers.count("HTTP/1.1 200 OK\r\n"), 3);
     }
 
-    void aHeadThatDoesNotArriveWithinTheDeadlineIsAnswered408()
+    void anIncompleteRequestIsAnswered408AfterTheDeadline_data()
     {
+        QTest::addColumn<QByteArray>("sent");
+        QTest::addColumn<QByteArray>("part");
+        QTest::newRow("head cut short") << QByteArray("GET /x HTTP/1.1\r\nHost: 127.0.0.1\r\n") << QByteArray("headers");
+        QTest::newRow("body cut short") << QByteArray("PUT /y HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 10\r\n\r\n012")
+                                        << QByteArray("body");
+    }
+
+    void anIncompleteRequestIsAnswered408AfterTheDeadline()
+    {
+        QFETCH(QByteArray, sent);
+        QFETCH(QByteArray, part);
         auto socket = connectFrom(QStringLiteral("127.0.0.1"), m_port);
         QVERIFY(socket);
         QElapsedTimer clock;
         clock.start();
-        socket->write("GET /x HTTP/1.1\r\nHost: 127.0.0.1\r\n");
+        socket->write(sent);
         QVERIFY(socket->waitForBytesWritten(1000));
         const QByteArray answer = readUntilClosed(*socket, ControlServer::HeadDeadlineMs + 3000);
         const qint64 elapsed = clock.elapsed();
         QVERIFY2(answer.startsWith("HTTP/1.1 408 Request timeout\r\n"), answer.constData());
         QVERIFY2(answer.endsWith("{\"error\": {\"name\": \"RequestTimeout\", \"title\": \"Request timeout\", \"message\": "
-                                 "\"The request's headers did not arrive within 5000 ms\"}}"),
+                                 "\"The request's " + part + " did not arrive within 5000 ms\"}}"),
                  answer.constData());
         QCOMPARE(socket->state(), QAbstractSocket::UnconnectedState);
         QVERIFY2(elapsed >= ControlServer::HeadDeadlineMs - 50, qPrintable(QString::number(elapsed)));
         QVERIFY2(elapsed <= ControlServer::HeadDeadlineMs + 1000, qPrintable(QString::number(elapsed)));
+    }
+
+    // More clients sending their bodies slowly than there are workers: a
+    // request from another client is still answered at once, and each slow
+    // one is answered, with its whole body, once it is in.
+    void slowBodiesHoldNoWorker()
+    {
+        std::vector<std::unique_ptr<QTcpSocket>> slow;
+        for (int i = 0; i < 6; ++i) {
+            slow.push_back(connectFrom(QStringLiteral("127.0.0.2"), m_port));
+            QVERIFY(slow.back());
+            slow.back()->write("PUT /y HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 10\r\n\r\n01234");
+            QVERIFY(slow.back()->waitForBytesWritten(1000));
+        }
+        auto other = connectFrom(QStringLiteral("127.0.0.3"), m_port);
+        QVERIFY(other);
+        QElapsedTimer clock;
+        clock.start();
+        other->write(request());
+        const QByteArray answer = readAnswers(*other, 1, 3000);
+        QVERIFY2(answer.startsWith("HTTP/1.1 200 OK\r\n"), answer.constData());
+        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+        for (auto& socket : slow) {
+            socket->write("56789");
+            QVERIFY(socket->waitForBytesWritten(1000));
+        }
+        for (auto& socket : slow) {
+            QByteArray echoed;
+            QElapsedTimer waited;
+            waited.start();
+            while (!echoed.endsWith("got 0123456789") && waited.elapsed() < 3000) {
+                socket->waitForReadyRead(100);
+                echoed += socket->readAll();
+            }
+            QVERIFY2(echoed.startsWith("HTTP/1.1 200 OK\r\n") && echoed.endsWith("got 0123456789"), echoed.constData());
+        }
     }
 
     void aConnectionThatSaysNothingIsClosedAfterTheIdleTime()
