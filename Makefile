@@ -5,7 +5,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-json clean
+.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-json soak clean
 
 all: build
 
@@ -57,6 +57,9 @@ bench-lab: build
 
 bench-json: build
 	bash scripts/bench-json
+
+soak: build
+	bash scripts/soak
 
 clean:
 	rm -rf $(BUILD_DIR) build-sanitize

@@ -15,6 +15,7 @@
 #include "CMActivateNode.h"
 #include "CMListRowsNode.h"
 #include "CMRootWorker.h"
+#include "ControlServer.h"
 #include "EventStream.h"
 #include "HostJson.h"
 #include "HostWebPage.h"
@@ -128,7 +129,16 @@ QVariantHash valueAnswer(const QString& path)
 } // namespace
 
 ControlApi::ControlApi(const Options& options, QObject* parent)
-    : QObject(parent), m_options(options), m_server(new httplib::Server), m_events(new EventStream(this))
+    : QObject(parent),
+      m_options(options),
+      // Event streams hold a worker each; the rest stay free for ordinary
+      // requests (waiting connections hold none).
+      m_server(new ControlServer(EventStream::MaxSubscribers + 8,
+                                 [](const std::string& name, const std::string& title, const std::string& message) {
+                                     return HostJson::error(QString::fromStdString(name), QString::fromStdString(title),
+                                                            QString::fromStdString(message));
+                                 })),
+      m_events(new EventStream(this))
 {
     // Events go out as small writes back to back; with Nagle's algorithm the
     // second waits for the client's delayed ACK (~40 ms).
@@ -164,10 +174,6 @@ bool ControlApi::start(QString* error)
 
     httplib::Server& server = *m_server;
     server.set_payload_max_length(MaxBodyBytes);
-    server.set_keep_alive_timeout(2);
-    // Event streams hold a thread each; the rest of the pool stays free for
-    // ordinary requests.
-    server.new_task_queue = [] { return new httplib::ThreadPool(EventStream::MaxSubscribers + 8); };
 
     server.set_pre_routing_handler([this](const Request& request, Response& response) {
         if (!request.has_header("Host")) {
@@ -322,6 +328,8 @@ bool ControlApi::start(QString* error)
         }
         m_port = m_options.port;
     }
+    if (!m_server->widenListenBacklog())
+        LOG4CPLUS_WARN(logger(), "Cannot widen the control API's listen backlog: " << std::strerror(errno));
     m_thread = std::thread([this] { m_server->listen_after_bind(); });
     // httplib's stop() does nothing until the accept loop runs, so a stop()
     // right after start() would leave join() waiting for ever. The loop
@@ -350,6 +358,7 @@ void ControlApi::stop()
     if (m_thread.joinable()) {
         m_server->stop();
         m_thread.join();
+        m_server->closeConnections();
         LOG4CPLUS_INFO(logger(), "Control API stopped");
     }
 }

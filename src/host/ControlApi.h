@@ -16,11 +16,11 @@
 #include "CMReply.h"
 
 namespace httplib {
-class Server;
 struct Request;
 struct Response;
 } // namespace httplib
 
+class ControlServer;
 class EventStream;
 
 // The HTTP/JSON control API. The server runs in threads of its own; every
@@ -113,7 +113,7 @@ private:
     Options m_options;
     std::mutex m_pendingMutex;
     std::list<Pending> m_pending;
-    std::unique_ptr<httplib::Server> m_server;
+    std::unique_ptr<ControlServer> m_server;
     std::thread m_thread;
     EventStream* m_events;
     QStringList m_allowedHosts;

@@ -275,7 +275,11 @@ void Discovery::drop(const char* counter, const QHostAddress& sender, const QStr
 void Discovery::upsert(const TarvSystemMember& record)
 {
     const bool known = m_lastSeen.contains(record.id());
-    m_lastSeen.insert(record.id(), m_clock.elapsed());
+    const qint64 now = m_clock.elapsed();
+    if (m_suspected.remove(record.id()))
+        LOG4CPLUS_INFO(logger(), "Member " << record.id() << " heard again after " << now - m_lastSeen.value(record.id())
+                                           << " ms of silence");
+    m_lastSeen.insert(record.id(), now);
     TarvRoles row;
     row.setId(record.id())
         .setType(TarvRolesType::Unknown)
@@ -295,26 +299,34 @@ void Discovery::armExpiry()
         m_expiryTimer.stop();
         return;
     }
+    // The next moment a device becomes suspected or gone.
     qint64 earliest = std::numeric_limits<qint64>::max();
     for (auto it = m_lastSeen.cbegin(); it != m_lastSeen.cend(); ++it)
-        earliest = qMin(earliest, it.value());
-    const qint64 deadline = earliest + qint64(MissedPeriods) * m_options.periodMs;
-    m_expiryTimer.start(static_cast<int>(qMax<qint64>(0, deadline - m_clock.elapsed()) + 1));
+        earliest = qMin(earliest, it.value() + (m_suspected.contains(it.key()) ? goneAfterMs() : suspectAfterMs()));
+    m_expiryTimer.start(static_cast<int>(qMax<qint64>(0, earliest - m_clock.elapsed()) + 1));
 }
 
 void Discovery::on_expiryTimer_timeout()
 {
     const qint64 now = m_clock.elapsed();
-    const qint64 silence = qint64(MissedPeriods) * m_options.periodMs;
     for (auto it = m_lastSeen.begin(); it != m_lastSeen.end();) {
-        if (now - it.value() > silence) {
-            const QString id = it.key();
+        const QString id = it.key();
+        const qint64 silence = now - it.value();
+        if (silence > goneAfterMs()) {
             it = m_lastSeen.erase(it);
-            LOG4CPLUS_INFO(logger(), "Member " << id << " silent for " << MissedPeriods << " periods; removed");
+            m_suspected.remove(id);
+            LOG4CPLUS_INFO(logger(), "Member " << id << " missed " << GoneAfterMissed << " announcements ("
+                                               << silence << " ms of silence); removed");
             m_members->rowsRemoveById(id);
-        } else {
-            ++it;
+            continue;
         }
+        if (silence > suspectAfterMs() && !m_suspected.contains(id)) {
+            m_suspected.insert(id);
+            LOG4CPLUS_INFO(logger(), "Member " << id << " missed " << SuspectAfterMissed
+                                               << " announcements; suspected, removed if silent for "
+                                               << goneAfterMs() << " ms");
+        }
+        ++it;
     }
     armExpiry();
 }

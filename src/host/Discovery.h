@@ -4,6 +4,7 @@
 #include <QHash>
 #include <QHostAddress>
 #include <QObject>
+#include <QSet>
 #include <QTimer>
 #include <QUdpSocket>
 #include <QVariantHash>
@@ -17,8 +18,11 @@ class CMListRowsNode;
 // {"systemMember": {...}}; it keeps one row per device id in the members
 // list (itself included): id = device id, title = name, type 0
 // (TarvRolesType::Unknown), value = {"systemMember": record}. A row is
-// updated when its record changes and removed once its device has been
-// silent for three periods. The list stops loading after the first full
+// updated when its record changes. A device that misses announcements is
+// first only suspected (logged); its row is removed once it has missed
+// GoneAfterMissed in a row, so that a lossy network does not lose a live
+// device while one that is really gone still disappears within a bounded
+// time (goneAfterMs()). The list stops loading after the first full
 // period. Announcements that are oversized, malformed or carry no id are
 // dropped and counted.
 class Discovery : public QObject
@@ -27,7 +31,13 @@ class Discovery : public QObject
 
 public:
     static constexpr int MaxAnnouncementBytes = 8 * 1024;
-    static constexpr int MissedPeriods = 3;
+    // Announcements missed in a row before a device is suspected and before
+    // it is removed. Each count has a margin of half a period for late
+    // timers and the network. At 5 % loss eight losses in a row happen once
+    // in 2.6e10 periods; a device that really went silent is removed 7.5 to
+    // 8.5 periods after its last announcement.
+    static constexpr int SuspectAfterMissed = 2;
+    static constexpr int GoneAfterMissed = 8;
 
     struct Options
     {
@@ -57,6 +67,10 @@ public:
     // Changes only when one is dropped, so that publishing it costs nothing
     // while the LAN is healthy.
     QVariantHash stats() const;
+    // Silence after which a device is suspected, and removed.
+    static constexpr int silenceLimitMs(int missed, int periodMs) { return missed * periodMs + periodMs / 2; }
+    int suspectAfterMs() const { return silenceLimitMs(SuspectAfterMissed, m_options.periodMs); }
+    int goneAfterMs() const { return silenceLimitMs(GoneAfterMissed, m_options.periodMs); }
     // Well-formed announcements heard, own ones included.
     qint64 receivedCount() const { return m_received; }
 
@@ -86,6 +100,9 @@ private:
     bool m_announcing = true;
     // When each other device was last heard, on m_clock.
     QHash<QString, qint64> m_lastSeen;
+    // Devices that missed SuspectAfterMissed announcements and were not
+    // heard since.
+    QSet<QString> m_suspected;
     QVariantHash m_stats;
     qint64 m_received = 0;
     bool m_started = false;

@@ -689,8 +689,10 @@ private Q_SLOTS:
         RawConnection connection(port);
         QVERIFY(connection.isConnected());
         // The headers pass the door; the body comes only once stop() runs.
+        // It is chunked: a body of known length would wait for the rest
+        // before the request reaches a worker.
         QVERIFY(connection.send(query("/api/v1/invoke", "/test/hold").insert(0, "POST ")
-                                + "&timeout_ms=60000 HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 2\r\n"
+                                + "&timeout_ms=60000 HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: chunked\r\n"
                                   "Connection: close\r\n\r\n"));
         QTRY_COMPARE_WITH_TIMEOUT(log.count(log4cplus::DEBUG_LOG_LEVEL,
                                             QStringLiteral("Request POST /api/v1/invoke from 127.0.0.1"),
@@ -700,7 +702,7 @@ private Q_SLOTS:
         // while it does, as in the daemon, where stop() follows the loop.
         auto stopped = std::async(std::launch::async, [&api] { api.stop(); });
         QTRY_VERIFY_WITH_TIMEOUT(!RawConnection(port).isConnected(), 5000);
-        QVERIFY(connection.send("{}"));
+        QVERIFY(connection.send("2\r\n{}\r\n0\r\n\r\n"));
         QElapsedTimer clock;
         clock.start();
         const QString answer = QString::fromStdString(connection.readAll());

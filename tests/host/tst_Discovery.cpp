@@ -1,8 +1,11 @@
 #include <memory>
 
 #include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QNetworkInterface>
 #include <QSignalSpy>
+#include <QTimer>
 #include <QUdpSocket>
 #include <QtTest>
 
@@ -10,6 +13,7 @@
 #include "CMNodes.h"
 #include "Discovery.h"
 #include "LogCapture.h"
+#include "TarvConnect.h"
 #include "TarvRoles.h"
 #include "TarvValue.h"
 
@@ -191,28 +195,41 @@ private Q_SLOTS:
         QCOMPARE(oldRow.title().toString(), QStringLiteral("Name of a"));
     }
 
-    void aSilentMemberIsRemovedAfterThreeMissedPeriods()
+    void aSilentMemberIsSuspectedThenRemovedWithinTheBound()
     {
         const int period = 100;
+        LogCapture log;
         Peer a(QStringLiteral("a"), options(period));
         auto b = std::make_unique<Peer>(QStringLiteral("b"), options(period));
+        QCOMPARE(a.discovery->suspectAfterMs(), 250);
+        QCOMPARE(a.discovery->goneAfterMs(), 850);
         QVERIFY(a.start());
         QVERIFY(b->start());
         QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
-        // Alive for many periods: never removed.
+        // Alive for many periods: never suspected, never removed.
         QSignalSpy aRows(a.members, &CMListRowsNode::rowChanged);
         const qint64 heard = a.discovery->receivedCount();
         QTRY_VERIFY_WITH_TIMEOUT(a.discovery->receivedCount() >= heard + 16, 3000);
         QCOMPARE(aRows.count(), 0);
+        QCOMPARE(log.countContaining(log4cplus::INFO_LOG_LEVEL, QStringLiteral("suspected"), QStringLiteral("Discovery")), 0);
 
         QElapsedTimer clock;
         b->discovery->stop();
         clock.start();
-        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 1, 2000);
+        QTRY_COMPARE_WITH_TIMEOUT(log.countStartingWith(log4cplus::INFO_LOG_LEVEL,
+                                                        QStringLiteral("Member b missed 2 announcements; suspected, "
+                                                                       "removed if silent for 850 ms"),
+                                                        QStringLiteral("Discovery")),
+                                  1, 2000);
+        QCOMPARE(a.members->rowsSize(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 1, 3000);
         const qint64 silence = clock.elapsed();
         // b's last announcement came at most one period before it stopped.
-        QVERIFY2(silence >= 2 * period, qPrintable(QString::number(silence)));
-        QVERIFY2(silence <= 3 * period + 700, qPrintable(QString::number(silence)));
+        QVERIFY2(silence >= a.discovery->goneAfterMs() - period, qPrintable(QString::number(silence)));
+        QVERIFY2(silence <= a.discovery->goneAfterMs() + 300, qPrintable(QString::number(silence)));
+        QCOMPARE(log.countStartingWith(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Member b missed 8 announcements ("),
+                                       QStringLiteral("Discovery")),
+                 1);
         QCOMPARE(aRows.count(), 1);
         QVERIFY(aRows.first().at(0).value<TarvRoles>().isEmpty());
         QCOMPARE(aRows.first().at(1).value<TarvRoles>().id(), QStringLiteral("b"));
@@ -221,6 +238,66 @@ private Q_SLOTS:
         // Back again: added again.
         QVERIFY(b->start());
         QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+    }
+
+    void aMemberThatMissesFewerAnnouncementsThanTheLimitIsKept_data()
+    {
+        QTest::addColumn<int>("missed");
+        QTest::addColumn<int>("suspicions");
+        QTest::newRow("one lost") << 1 << 0;
+        QTest::newRow("two lost in a row") << 2 << 1;
+        QTest::newRow("six lost in a row") << 6 << 1;
+    }
+
+    // A peer announcing by hand every period, with `missed` announcements in
+    // a row left out, as a lossy network would.
+    void aMemberThatMissesFewerAnnouncementsThanTheLimitIsKept()
+    {
+        QFETCH(int, missed);
+        QFETCH(int, suspicions);
+        const int period = 300;
+        LogCapture log;
+        Peer a(QStringLiteral("a"), options(period));
+        QVERIFY(a.start());
+        TarvSystemMember b;
+        b.setId(QStringLiteral("b")).setName(QStringLiteral("B")).setHost(QStringLiteral("b.local")).setTranscoder(true);
+        const QByteArray announcement = QJsonDocument(QJsonObject::fromVariantHash(
+                                                          TarvValue().setSystemMember(b).toVariant().toHash()))
+                                            .toJson(QJsonDocument::Compact);
+        const int before = 3;
+        const int after = 3;
+        int sent = 0;
+        int tick = 0;
+        QTimer announcer;
+        announcer.setTimerType(Qt::PreciseTimer);
+        announcer.setInterval(period);
+        tarvConnect(&announcer, &QTimer::timeout, this, [&] {
+            if (tick < before || tick >= before + missed) {
+                sendRaw(announcement);
+                ++sent;
+            }
+            ++tick;
+        });
+        sendRaw(announcement);
+        ++sent;
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+        QSignalSpy aRows(a.members, &CMListRowsNode::rowChanged);
+        announcer.start();
+        QTRY_COMPARE_WITH_TIMEOUT(tick, before + missed + after, (before + missed + after + 2) * period);
+        announcer.stop();
+
+        QCOMPARE(sent, 1 + before + after);
+        QCOMPARE(aRows.count(), 0);
+        QCOMPARE(a.members->rowsSize(), 2);
+        QCOMPARE(log.countStartingWith(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Member b missed 2 announcements; suspected"),
+                                       QStringLiteral("Discovery")),
+                 suspicions);
+        QCOMPARE(log.countStartingWith(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Member b heard again after "),
+                                       QStringLiteral("Discovery")),
+                 suspicions);
+        QCOMPARE(log.countStartingWith(log4cplus::INFO_LOG_LEVEL, QStringLiteral("Member b missed 8 announcements"),
+                                       QStringLiteral("Discovery")),
+                 0);
     }
 
     void loadingEndsAfterTheFirstFullPeriod()

@@ -1,5 +1,9 @@
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include <QDir>
 #include <QFile>
@@ -8,6 +12,7 @@
 #include <QJsonObject>
 #include <QNetworkInterface>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QUdpSocket>
@@ -17,6 +22,7 @@
 #include <httplib.h>
 
 #include "HostProcess.h"
+#include "SlowClients.h"
 
 // The real tarv-host binary, started and stopped as scripts do.
 class tst_TarvHost : public QObject
@@ -300,6 +306,126 @@ private Q_SLOTS:
         receiver.kill();
         receiver.waitForFinished(2000);
         QVERIFY2(started, qPrintable(error));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+    }
+
+    // 200 times: a host that writes its settings as fast as a client changes
+    // them is killed with SIGKILL at a random moment. Each start must find a
+    // whole settings file holding the last name the host acknowledged or one
+    // sent after it, never a broken file and never an older name.
+    void settingsSurviveSigkillAtRandomMomentsWhileTheyAreWritten()
+    {
+        const auto host = makeHost(QStringLiteral("a"));
+        const QDir data(host->dataDirectory());
+        const QString settings = data.filePath(QStringLiteral("settings.json"));
+        const quint32 seed = QRandomGenerator::global()->generate();
+        QRandomGenerator random(seed);
+        int acknowledged = 0;
+        int sent = 0;
+        int leftTemporary = 0;
+        QElapsedTimer clock;
+        clock.start();
+        for (int round = 0; round < 200; ++round) {
+            QString error;
+            QVERIFY2(host->start({}, &error), qPrintable(error));
+            QVERIFY2(!QFile::exists(settings + QStringLiteral(".tmp")), "the leftover was not discarded");
+            QVERIFY2(data.entryList({QStringLiteral("settings.json.corrupt-*")}).isEmpty(),
+                     qPrintable(QStringLiteral("round %1 (seed %2) found a broken file").arg(round).arg(seed)));
+            if (round > 0) {
+                const QString name =
+                    get(*host, valueOf("/settings/device/name")).value("value").toObject().value("string_").toString();
+                const int found = name.mid(1).toInt();
+                QVERIFY2(name.startsWith(QLatin1Char('n')) && found >= acknowledged && found <= sent,
+                         qPrintable(QStringLiteral("round %1 (seed %2): found '%3', acknowledged n%4, sent up to n%5")
+                                        .arg(round).arg(seed).arg(name).arg(acknowledged).arg(sent)));
+            }
+
+            // The kill lands somewhere in the first ~50 ms of writing.
+            const auto killAfter = std::chrono::microseconds(random.bounded(50000));
+            const pid_t pid = static_cast<pid_t>(host->processId());
+            httplib::Client client("127.0.0.1", host->apiPort());
+            client.set_keep_alive(true);
+            client.set_read_timeout(5);
+            std::thread killer([pid, killAfter] {
+                std::this_thread::sleep_for(killAfter);
+                ::kill(pid, SIGKILL);
+            });
+            for (int write = 0; write < 10000; ++write) {
+                const std::string body = "{\"string_\": \"n" + std::to_string(++sent) + "\"}";
+                const auto result = client.Put(valueOf("/settings/device/name").c_str(), body, "application/json");
+                if (!result)
+                    break;
+                QCOMPARE(result->status, 200);
+                acknowledged = sent;
+            }
+            killer.join();
+            host->stop(SIGKILL);
+            if (QFile::exists(settings + QStringLiteral(".tmp")))
+                ++leftTemporary;
+            // What the next start reads: a whole file of the right shape.
+            QFile file(settings);
+            if (file.open(QIODevice::ReadOnly)) {
+                const QJsonObject stored = QJsonDocument::fromJson(file.readAll()).object();
+                QCOMPARE(stored.value("format").toInt(), 1);
+                QVERIFY(stored.value("values").toObject().contains("/settings/device/name"));
+            } else {
+                QCOMPARE(acknowledged, 0);
+            }
+        }
+        qInfo("200 SIGKILLs while writing settings in %lld ms (seed %u): %d names written, %d acknowledged, "
+              "a temporary file left behind by %d kills",
+              clock.elapsed(), seed, sent, acknowledged, leftTemporary);
+        QVERIFY2(acknowledged > 200, "the writes never got going");
+    }
+
+    // 50 slowloris connections and 200 idle keep-alive ones, from five
+    // addresses other than the client's, must not keep a normal client
+    // from its answer: p99 at most 100 ms over ~10 s of requests, none lost.
+    void aNormalClientIsServedWhileSlowAndIdleConnectionsHoldTheApi()
+    {
+        const auto host = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(host->start({}, &error), qPrintable(error));
+        SlowClients attack(host->apiPort(), 50, 200,
+                           {"127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5", "127.0.0.6"});
+        attack.start();
+        QTRY_VERIFY_WITH_TIMEOUT(attack.open() >= 245, 10000);
+
+        std::vector<double> latenciesMs;
+        int failures = 0;
+        long long attackOpen = 0;
+        QElapsedTimer running;
+        running.start();
+        while (running.elapsed() < 10000) {
+            QElapsedTimer one;
+            one.start();
+            httplib::Client client("127.0.0.1", host->apiPort());
+            client.set_connection_timeout(5);
+            client.set_read_timeout(5);
+            const auto result = client.Get("/api/v1/host");
+            latenciesMs.push_back(one.nsecsElapsed() / 1e6);
+            if (!result || result->status != 200)
+                ++failures;
+            attackOpen += attack.open();
+            // A client that asks a few times a second, like the web page.
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        // The attack was in place the whole time, not turned away: the host
+        // ends idle and slow connections and they come back at once, so on
+        // average nearly all of them are open.
+        const double openOnAverage = double(attackOpen) / double(latenciesMs.size());
+        attack.stop();
+        std::sort(latenciesMs.begin(), latenciesMs.end());
+        const auto at = [&](double share) {
+            return latenciesMs[std::min(latenciesMs.size() - 1, static_cast<size_t>(share * latenciesMs.size()))];
+        };
+        qInfo("GET /api/v1/host under 50 slow + 200 idle connections: n %zu, failures %d, p50 %.1f ms, p99 %.1f ms, "
+              "max %.1f ms; attack connections open on average %.1f, ended by the host %d",
+              latenciesMs.size(), failures, at(0.5), at(0.99), latenciesMs.back(), openOnAverage,
+              attack.closedByServer());
+        QVERIFY2(openOnAverage >= 225.0, qPrintable(QString::number(openOnAverage)));
+        QCOMPARE(failures, 0);
+        QVERIFY2(at(0.99) <= 100.0, qPrintable(QString::number(at(0.99))));
         QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 };
