@@ -13,6 +13,7 @@
 #include <QScopedPointer>
 #include <QTest>
 
+#include "Discovery.h"
 #include "Lab.h"
 #include "LabApi.h"
 #include "LabEventStream.h"
@@ -397,7 +398,8 @@ void tst_LabSavedGroups::aKilledMasterIsLeftNotRejoinedAndRegroupsWhenBack()
     const int log3From = log3.mark();
 
     QCOMPARE(m_lab->run({QStringLiteral("kill"), QStringLiteral("dev1")}), 0);
-    const int expiry = 3 * kDiscoveryMs;
+    // The followers' discovery removes the silent master after its bound.
+    const int expiry = Discovery::silenceLimitMs(Discovery::GoneAfterMissed, kDiscoveryMs);
     for (LabLog* follower : {&log2, &log3}) {
         QVERIFY2(follower->waitForCount(QStringLiteral("INFO"), QStringLiteral("SimpleGroupingCtrl"),
                                         QStringLiteral("Master disappeared, leaving group"), 1, expiry + 1000,
