@@ -47,7 +47,7 @@ async function loadHost() {
 async function invokeGrouping(request) {
   showError("");
   try {
-    await api("POST", "/api/v1/invoke?path=" + encodeURIComponent("/grouping/request"), request);
+    await api("POST", "/api/v1/invoke?path=" + encodeURIComponent("/grouping/request"), { groupingRequest: request });
     document.getElementById("status").textContent = request.command === 1 ? "join sent" : "leave sent";
   } catch (e) { showError(e.message); }
 }

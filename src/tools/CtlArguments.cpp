@@ -20,7 +20,8 @@ const QList<OptionInfo>& optionInfos()
         {QStringLiteral("help"), false, {}},
         {QStringLiteral("version"), false, {}},
         {QStringLiteral("timeout-ms"), true, {}},
-        {QStringLiteral("count"), true, {QStringLiteral("watch")}},
+        {QStringLiteral("count"), true, {QStringLiteral("watch"), QStringLiteral("ui")}},
+        {QStringLiteral("watch"), false, {QStringLiteral("ui")}},
         {QStringLiteral("string"), true, {QStringLiteral("set")}},
         {QStringLiteral("int"), true, {QStringLiteral("set")}},
         {QStringLiteral("name"), true, {QStringLiteral("join")}},
@@ -68,14 +69,18 @@ QString CtlArguments::usage()
         "  tree                          every node with its kind, title and rows, and the value paths\n"
         "  watch [PREFIX]                print value and rows events (of paths under PREFIX), one per line,\n"
         "                                until interrupted\n"
+        "  ui                            the device's grouping list (/ui/grouping) as a user sees it\n"
+        "  ui --watch                    print it, then again at every change, until interrupted\n"
+        "  ui join NAME|ID               join a transcoder of the list through its join action\n"
+        "  ui leave                      leave the group through the list's leave action\n"
         "\n"
         "Options:\n"
         "  --api URL          the host's control API (default: $TARV_API, else http://127.0.0.1:8080)\n"
         "  --json             print the API's JSON instead of readable text (watch: one object per line)\n"
-        "  --timeout-ms N     invoke, join, leave: the host's bound for the reply (default 5000);\n"
-        "                     watch: stop after N ms; other commands: how long to wait for the answer\n"
-        "                     (default 10000)\n"
-        "  --count N          watch: stop after N events\n"
+        "  --timeout-ms N     invoke, join, leave, ui join, ui leave: the host's bound for the reply\n"
+        "                     (default 5000); watch, ui --watch: stop after N ms; other commands: how\n"
+        "                     long to wait for the answer (default 10000)\n"
+        "  --count N          watch: stop after N events; ui --watch: after N lists\n"
         "  --verbose          log each request and answer on stderr\n"
         "  -h, --help         show this help\n"
         "  --version          show tarvctl's version\n"
@@ -93,6 +98,7 @@ QString CtlArguments::usage()
         "  tarvctl set /settings/device/name --string kitchen\n"
         "  tarvctl get /system/member\n"
         "  tarvctl rows /grouping/members\n"
+        "  tarvctl ui join kitchen\n"
         "  tarvctl invoke /grouping/request '{\"command\": -1}'\n"
         "  tarvctl --api http://10.0.0.7:8080 watch /grouping --count 1 --timeout-ms 3000\n");
 }
@@ -172,6 +178,26 @@ bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnv
     return checkCommand();
 }
 
+bool CtlArguments::checkUi()
+{
+    const QString usage = QStringLiteral("usage: tarvctl ui [--watch] | ui join NAME|ID | ui leave");
+    const QString action = m_arguments.value(0);
+    const int wanted = action.isEmpty() ? 0 : action == QLatin1String("leave") ? 1 : 2;
+    if (!action.isEmpty() && action != QLatin1String("join") && action != QLatin1String("leave"))
+        return fail(QStringLiteral("ui: unknown action '%1'; %2").arg(action, usage));
+    if (m_arguments.size() < wanted)
+        return fail(QStringLiteral("ui join: missing NAME or ID; %1").arg(usage));
+    if (m_arguments.size() > wanted)
+        return fail(QStringLiteral("ui %1: unexpected argument '%2'; %3").arg(action, m_arguments.at(wanted), usage));
+    if (action == QLatin1String("join") && m_arguments.at(1).isEmpty())
+        return fail(QStringLiteral("ui join: the transcoder's NAME or ID is empty"));
+    if (!action.isEmpty() && m_options.contains(QStringLiteral("watch")))
+        return fail(QStringLiteral("ui %1: --watch is only for the list itself; %2").arg(action, usage));
+    if (m_options.contains(QStringLiteral("count")) && !m_options.contains(QStringLiteral("watch")))
+        return fail(QStringLiteral("ui: --count needs --watch"));
+    return true;
+}
+
 bool CtlArguments::checkCommand()
 {
     struct CommandInfo
@@ -191,6 +217,7 @@ bool CtlArguments::checkCommand()
         {QStringLiteral("rows"), 1, 1, QStringLiteral("rows PATH")},
         {QStringLiteral("tree"), 0, 0, QStringLiteral("tree")},
         {QStringLiteral("watch"), 0, 1, QStringLiteral("watch [PREFIX]")},
+        {QStringLiteral("ui"), 0, 2, QStringLiteral("ui [--watch] | ui join NAME|ID | ui leave")},
     };
 
     if (m_command.isEmpty())
@@ -247,6 +274,8 @@ bool CtlArguments::checkCommand()
     }
     if (m_command == QLatin1String("join") && m_arguments.first().isEmpty())
         return fail(QStringLiteral("join: the transcoder's ID is empty"));
+    if (m_command == QLatin1String("ui") && !checkUi())
+        return false;
 
     const bool takesPath = m_command == QLatin1String("get") || m_command == QLatin1String("set")
         || m_command == QLatin1String("invoke") || m_command == QLatin1String("rows")

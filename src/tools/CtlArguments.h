@@ -42,6 +42,8 @@ public:
 private:
     bool fail(const QString& error);
     bool checkCommand();
+    // `ui` alone (optionally --watch), `ui join NAME|ID` or `ui leave`.
+    bool checkUi();
 
     QString m_error;
     bool m_help = false;

@@ -288,7 +288,8 @@ CtlReply CtlClient::errorFromAnswer(int status, const QByteArray& body) const
     return CtlReply::apiError(status, name, title, message, body);
 }
 
-CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs)
+CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs,
+                          const std::function<bool()>& onOpen)
 {
     const QString where = api() + QStringLiteral("/api/v1/events");
     LOG4CPLUS_DEBUG(logger(), "Request GET " << where);
@@ -318,8 +319,13 @@ CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, i
             return false;
         }
         // The host subscribes before it answers, so from here on no change is missed.
-        if (status == 200)
+        if (status == 200) {
             LOG4CPLUS_DEBUG(logger(), "Event stream open");
+            if (onOpen && !onOpen()) {
+                callerStopped = true;
+                return false;
+            }
+        }
         return true;
     };
     request.content_receiver = [&](const char* data, size_t length, uint64_t, uint64_t) {

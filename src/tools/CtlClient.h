@@ -52,7 +52,11 @@ public:
     // until it returns false (Ok), `durationMs` passes (Timeout; < 0 means
     // no limit), or the stream fails or ends (CannotConnect, or the host's
     // error when it refused the stream).
-    CtlReply watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs = -1);
+    // `onOpen`, when given, runs once the host has subscribed this client
+    // and before any event, so that what it reads is followed by every
+    // later change; returning false ends the watch there (Ok).
+    CtlReply watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs = -1,
+                   const std::function<bool()>& onOpen = std::function<bool()>());
 
 private:
     using Query = QList<QPair<QString, QString>>;

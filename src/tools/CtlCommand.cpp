@@ -3,6 +3,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 
+#include "TarvEnums.h"
 #include "TarvJson.h"
 #include "TarvLog.h"
 #include "TarvPaths.h"
@@ -119,9 +120,11 @@ CtlExitCode::Enum CtlCommand::execute()
 
     const QString& command = m_arguments.command();
     LOG4CPLUS_DEBUG(logger(), "Running " << command << " against " << m_client.api());
+    const bool isUi = command == QLatin1String("ui");
     const bool invokes = command == QLatin1String("invoke") || command == QLatin1String("join")
-        || command == QLatin1String("leave");
-    if (m_arguments.timeoutMs() > 0 && !invokes && command != QLatin1String("watch"))
+        || command == QLatin1String("leave") || (isUi && !m_arguments.arguments().isEmpty());
+    const bool watches = command == QLatin1String("watch") || (isUi && m_arguments.hasOption(QStringLiteral("watch")));
+    if (m_arguments.timeoutMs() > 0 && !invokes && !watches)
         m_client.setTimeoutMs(m_arguments.timeoutMs());
 
     const QString path = m_arguments.arguments().value(0);
@@ -146,6 +149,8 @@ CtlExitCode::Enum CtlCommand::execute()
         return finish(m_client.tree(), &CtlFormatter::tree);
     if (command == QLatin1String("watch"))
         return runWatch();
+    if (isUi)
+        return runUi();
     return usageError(QStringLiteral("unknown command '%1'").arg(command));
 }
 
@@ -184,8 +189,9 @@ CtlExitCode::Enum CtlCommand::runInvoke()
                   [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
 }
 
-CtlExitCode::Enum CtlCommand::invokeGrouping(const QJsonObject& value)
+CtlExitCode::Enum CtlCommand::invokeGrouping(const TarvGroupingRequest& request)
 {
+    const QJsonObject value = toJsonObject(TarvValue().setGroupingRequest(request));
     return finish(m_client.invoke(TarvGroupingRequestPath().toString(), value, m_arguments.timeoutMs()),
                   [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
 }
@@ -226,14 +232,14 @@ CtlExitCode::Enum CtlCommand::runJoin()
         master.setHost(m_arguments.option(QStringLiteral("host")));
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return invokeGrouping(toJsonObject(request));
+    return invokeGrouping(request);
 }
 
 CtlExitCode::Enum CtlCommand::runLeave()
 {
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Leave);
-    return invokeGrouping(toJsonObject(request));
+    return invokeGrouping(request);
 }
 
 CtlExitCode::Enum CtlCommand::runWatch()
@@ -267,15 +273,131 @@ CtlExitCode::Enum CtlCommand::runWatch()
         return wanted < 0 || seen < wanted;
     };
     const CtlReply reply = m_client.watch(onEvent, m_arguments.timeoutMs());
+    return endWatch(reply, seen, QStringLiteral("events"));
+}
+
+CtlExitCode::Enum CtlCommand::endWatch(const CtlReply& reply, int seen, const QString& what)
+{
+    const int wanted = m_arguments.count();
     if (reply.isOk())
         return CtlExitCode::Ok;
     if (reply.kind() == CtlReply::Timeout && reply.httpStatus() == 0) {
         if (wanted < 0)
             return CtlExitCode::Ok; // the duration was all that was asked for
-        m_err << "tarvctl: timeout: " << seen << " of " << wanted << " events within " << m_arguments.timeoutMs()
-              << " ms\n";
+        m_err << "tarvctl: timeout: " << seen << " of " << wanted << " " << what << " within "
+              << m_arguments.timeoutMs() << " ms\n";
         m_err.flush();
         return CtlExitCode::Timeout;
     }
     return fail(reply);
+}
+
+CtlExitCode::Enum CtlCommand::runUi()
+{
+    const QStringList& arguments = m_arguments.arguments();
+    if (arguments.isEmpty()) {
+        if (m_arguments.hasOption(QStringLiteral("watch")))
+            return runUiWatch();
+        return finish(m_client.rows(TarvGroupingUIPath().toString()), &CtlFormatter::groupingView);
+    }
+    if (arguments.first() == QLatin1String("leave"))
+        return activateUiAction(TarvGroupingUILeavePath().toString(), QStringLiteral("leave: done"));
+    return runUiJoin(arguments.at(1));
+}
+
+CtlExitCode::Enum CtlCommand::runUiJoin(const QString& nameOrId)
+{
+    // The user picks a transcoder as the list shows it: by id, or else by
+    // its name when exactly one transcoder has it.
+    const CtlReply list = m_client.rows(TarvGroupingUIPath().toString());
+    if (!list.isOk())
+        return fail(list);
+    QList<QJsonObject> byId;
+    QList<QJsonObject> byName;
+    const QJsonArray rows = list.body().value(QStringLiteral("rows")).toArray();
+    for (const QJsonValue& value : rows) {
+        const QJsonObject row = value.toObject();
+        if (row.value(QStringLiteral("type")).toInt() != TarvRolesType::GroupingTranscoder)
+            continue;
+        if (row.value(QStringLiteral("id")).toString() == nameOrId)
+            byId.append(row);
+        else if (CtlFormatter::transcoderName(row) == nameOrId)
+            byName.append(row);
+    }
+    const QList<QJsonObject> found = byId.isEmpty() ? byName : byId;
+    QString problem;
+    if (found.isEmpty()) {
+        problem = QStringLiteral("ui join: no transcoder '%1' in %2 (\"%3\"); tarvctl ui shows the list")
+                      .arg(nameOrId, TarvGroupingUIPath().toString(),
+                           list.body().value(QStringLiteral("title")).toString());
+    } else if (found.size() > 1) {
+        QStringList ids;
+        for (const QJsonObject& row : found)
+            ids.append(row.value(QStringLiteral("id")).toString());
+        problem = QStringLiteral("ui join: %1 transcoders are named '%2'; give the id: %3")
+                      .arg(found.size())
+                      .arg(nameOrId, ids.join(QStringLiteral(", ")));
+    }
+    if (!problem.isEmpty()) {
+        m_err << "tarvctl: " << CtlFormatter::printable(problem) << '\n';
+        m_err.flush();
+        return CtlExitCode::ApiError;
+    }
+
+    const QJsonObject row = found.first();
+    const QString target = QStringLiteral("%1 [%2]").arg(CtlFormatter::transcoderName(row),
+                                                          row.value(QStringLiteral("id")).toString());
+    // Its row leads to the leave action: activating it would end the very
+    // following that was asked for.
+    if (CtlFormatter::isFollowedTranscoder(row)) {
+        m_out << CtlFormatter::printable(QStringLiteral("ui join: already following %1").arg(target)) << '\n';
+        m_out.flush();
+        return CtlExitCode::Ok;
+    }
+    return activateUiAction(row.value(QStringLiteral("path")).toString(), QStringLiteral("join %1: done").arg(target));
+}
+
+CtlExitCode::Enum CtlCommand::activateUiAction(const QString& path, const QString& done)
+{
+    return finish(m_client.invoke(path, QJsonObject(), m_arguments.timeoutMs()),
+                  [done](const QJsonObject&) { return done; });
+}
+
+CtlExitCode::Enum CtlCommand::runUiWatch()
+{
+    const int wanted = m_arguments.count();
+    int shown = 0;
+    QJsonObject lastShown;
+    CtlReply failure;
+    // Draws the list when it differs from what was drawn last; false ends
+    // the watch (enough lists, or the list could not be read).
+    const auto draw = [&]() {
+        const CtlReply list = m_client.rows(TarvGroupingUIPath().toString());
+        if (!list.isOk()) {
+            failure = list;
+            return false;
+        }
+        // One change of view comes as many row events; the list read after
+        // the first of them is usually already the final one.
+        if (shown > 0 && list.body() == lastShown)
+            return true;
+        lastShown = list.body();
+        if (m_arguments.json())
+            m_out << CtlJson::toText(list.body()) << '\n';
+        else
+            m_out << (shown > 0 ? QStringLiteral("\n") : QString())
+                  << CtlFormatter::printable(CtlFormatter::groupingView(list.body())) << '\n';
+        m_out.flush();
+        ++shown;
+        return wanted < 0 || shown < wanted;
+    };
+    const auto onEvent = [&](const CtlEvent& event) {
+        if (event.name != QLatin1String("rows") || CtlFormatter::eventPath(event) != TarvGroupingUIPath().toString())
+            return true;
+        return draw();
+    };
+    const CtlReply reply = m_client.watch(onEvent, m_arguments.timeoutMs(), draw);
+    if (!failure.isOk())
+        return fail(failure);
+    return endWatch(reply, shown, QStringLiteral("lists"));
 }

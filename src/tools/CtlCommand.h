@@ -10,6 +10,7 @@
 #include "CtlArguments.h"
 #include "CtlClient.h"
 #include "CtlExitCode.h"
+#include "TarvGroupingRequest.h"
 
 // One run of tarvctl: parses the command line, talks to the host, prints
 // the answer (readable or JSON) on `out` and what went wrong on `err`, and
@@ -41,10 +42,18 @@ private:
     CtlExitCode::Enum runJoin();
     CtlExitCode::Enum runLeave();
     CtlExitCode::Enum runWatch();
-    // Invokes the grouping-request action with a grouping request record
-    // ({"command": 1, "master": {...}} or {"command": -1}, the form its
-    // handler reads) and prints the result like invoke.
-    CtlExitCode::Enum invokeGrouping(const QJsonObject& value);
+    // How a watch that saw `seen` events (or lists) of --count ends.
+    CtlExitCode::Enum endWatch(const CtlReply& reply, int seen, const QString& what);
+    CtlExitCode::Enum runUi();
+    CtlExitCode::Enum runUiJoin(const QString& nameOrId);
+    CtlExitCode::Enum runUiWatch();
+    // Activates one of the grouping list's actions and prints what it
+    // answered: `done` when it was carried out, the refusal otherwise.
+    CtlExitCode::Enum activateUiAction(const QString& path, const QString& done);
+    // Invokes the grouping-request action with `request` in a value union
+    // ({"groupingRequest": {"command": 1, "master": {...}}}, the form the
+    // module writes and reads) and prints the result like invoke.
+    CtlExitCode::Enum invokeGrouping(const TarvGroupingRequest& request);
 
     QTextStream& m_out;
     QTextStream& m_err;

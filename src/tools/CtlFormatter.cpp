@@ -5,6 +5,7 @@
 
 #include "TarvEnums.h"
 #include "TarvJson.h"
+#include "TarvPaths.h"
 #include "TarvValue.h"
 
 #include "CtlJson.h"
@@ -242,6 +243,52 @@ QString CtlFormatter::rows(const QJsonObject& answer)
     if (rows.isEmpty())
         return heading;
     return heading + QLatin1Char('\n') + table(rows, QString());
+}
+
+QString CtlFormatter::transcoderName(const QJsonObject& row)
+{
+    // The list marks the followed transcoder by a prefix of its title.
+    static const QString followedMark = QStringLiteral("   >   ");
+    const QString title = text(row.value(QStringLiteral("title")));
+    return isFollowedTranscoder(row) && title.startsWith(followedMark) ? title.mid(followedMark.size()) : title;
+}
+
+bool CtlFormatter::isFollowedTranscoder(const QJsonObject& row)
+{
+    return text(row.value(QStringLiteral("path"))) == TarvGroupingUILeavePath().toString();
+}
+
+QString CtlFormatter::groupingView(const QJsonObject& answer)
+{
+    const QJsonArray rows = answer.value(QStringLiteral("rows")).toArray();
+    QString title = text(answer.value(QStringLiteral("title")));
+    if (title.isEmpty())
+        title = QStringLiteral("(untitled list)");
+    // Escaped before the widths are taken, so that the ids line up.
+    int nameWidth = 0;
+    for (const QJsonValue& row : rows) {
+        const QJsonObject object = row.toObject();
+        if (object.value(QStringLiteral("type")).toInt() == TarvRolesType::GroupingTranscoder)
+            nameWidth = qMax(nameWidth, printable(transcoderName(object)).size());
+    }
+    QStringList lines{title};
+    for (const QJsonValue& row : rows) {
+        const QJsonObject object = row.toObject();
+        if (object.value(QStringLiteral("type")).toInt() != TarvRolesType::GroupingTranscoder) {
+            lines.append(QStringLiteral("    ") + text(object.value(QStringLiteral("title"))));
+            continue;
+        }
+        const bool followed = isFollowedTranscoder(object);
+        QString line = (followed ? QStringLiteral("  > ") : QStringLiteral("    "))
+            + pad(printable(transcoderName(object)), nameWidth) + QStringLiteral("  [")
+            + text(object.value(QStringLiteral("id"))) + QLatin1Char(']');
+        if (followed)
+            line += QStringLiteral("  following");
+        lines.append(line);
+    }
+    if (rows.isEmpty())
+        lines.append(QStringLiteral("    (no transcoder to join)"));
+    return lines.join(QLatin1Char('\n'));
 }
 
 QString CtlFormatter::tree(const QJsonObject& answer)

@@ -26,6 +26,16 @@ public:
     // `rows`: a heading line (path, title, row count, whether the list is
     // still loading), then a table of id, type, title and value.
     static QString rows(const QJsonObject& answer);
+    // `ui`: the grouping list (/ui/grouping) as a user sees it: its title,
+    // then one line per row in the list's order. A transcoder shows as its
+    // name and id, the one this device follows marked with ">" and
+    // "following"; other rows (the followers view) as their text.
+    static QString groupingView(const QJsonObject& answer);
+    // A transcoder row of the grouping list: the device's name (its title
+    // without the list's "   >   " mark), and whether it is the transcoder
+    // this device follows (its row leads to the leave action).
+    static QString transcoderName(const QJsonObject& row);
+    static bool isFollowedTranscoder(const QJsonObject& row);
     // `tree`: every node with kind, title and rows, then the value paths.
     static QString tree(const QJsonObject& answer);
     // One line for an event of the stream; `wellFormed` (when given) tells

@@ -51,7 +51,7 @@ QString HostProcess::output() const
 QStringList HostProcess::arguments(const QStringList& extraArguments)
 {
     if (m_requestPort == 0) {
-        m_requestPort = freeUdpPort();
+        m_requestPort = m_fixedRequestPort ? m_fixedRequestPort : freeUdpPort();
         m_startDiscoveryPort = m_discoveryPort ? m_discoveryPort : freeUdpPort();
     }
     // Everything on loopback: nothing a test does may reach the LAN.

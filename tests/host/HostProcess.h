@@ -26,6 +26,9 @@ public:
     // Hosts that should find each other share a discovery port; 0 (the
     // default) picks a free one at every start.
     void setDiscoveryPort(int port) { m_discoveryPort = port; }
+    // The receiver link's port; 0 (the default) picks a free one at every
+    // start. A port the test holds keeps the module's listener deaf.
+    void setRequestPort(int port) { m_fixedRequestPort = port; }
 
     // The whole command line start() runs, for running the binary in other
     // ways; the ports are those of the last start(), or new ones before it.
@@ -58,5 +61,6 @@ private:
     QString m_id;
     int m_requestPort = 0;
     int m_discoveryPort = 0;
+    int m_fixedRequestPort = 0;
     int m_startDiscoveryPort = 0;
 };

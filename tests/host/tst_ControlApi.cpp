@@ -647,6 +647,11 @@ private Q_SLOTS:
         QVERIFY(page.contains("<title>tarv-host</title>"));
         QVERIFY(page.contains("new EventSource(\"/api/v1/events\")"));
         QVERIFY(page.contains("\"/grouping/request\""));
+        // Join and leave go out as the module reads them: the request in a
+        // value union.
+        QVERIFY(page.contains("encodeURIComponent(\"/grouping/request\"), { groupingRequest: request })"));
+        QVERIFY(page.contains("invokeGrouping({ command: 1, master: { id: m.id, name: m.name, host: m.host } })"));
+        QVERIFY(page.contains("invokeGrouping({ command: -1 })"));
     }
 
     void stoppingAnswersWaitingRequestsAtOnce()

@@ -203,10 +203,12 @@ LabApi::Reply LabApi::join(const QString& masterId, const QString& masterName, c
                              {QStringLiteral("name"), masterName},
                              {QStringLiteral("host"), masterHost}};
     return invoke(QStringLiteral("/grouping/request"),
-                  QJsonObject{{QStringLiteral("command"), 1}, {QStringLiteral("master"), master}});
+                  QJsonObject{{QStringLiteral("groupingRequest"),
+                               QJsonObject{{QStringLiteral("command"), 1}, {QStringLiteral("master"), master}}}});
 }
 
 LabApi::Reply LabApi::leave()
 {
-    return invoke(QStringLiteral("/grouping/request"), QJsonObject{{QStringLiteral("command"), -1}});
+    return invoke(QStringLiteral("/grouping/request"),
+                  QJsonObject{{QStringLiteral("groupingRequest"), QJsonObject{{QStringLiteral("command"), -1}}}});
 }

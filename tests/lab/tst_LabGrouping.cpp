@@ -15,6 +15,7 @@
 
 #include "Lab.h"
 #include "LabApi.h"
+#include "LabDevices.h"
 #include "LabEventStream.h"
 #include "LabLog.h"
 
@@ -63,15 +64,6 @@ QString followerIdOf(const QJsonObject& row)
     return groupingMember(row).value(QStringLiteral("follower")).toObject().value(QStringLiteral("id")).toString();
 }
 
-QStringList rowIds(const QJsonArray& rows)
-{
-    QStringList ids;
-    for (const QJsonValue& row : rows)
-        ids.append(row.toObject().value(QStringLiteral("id")).toString());
-    ids.sort();
-    return ids;
-}
-
 QString errorMessage(const LabApi::Reply& reply)
 {
     return reply.json.toObject().value(QStringLiteral("error")).toObject().value(QStringLiteral("message")).toString();
@@ -107,12 +99,12 @@ private:
     // Puts every device back to a lone transcoder with no followers.
     bool restoreBaseline(QString* why);
     bool waitAlone(int device, int timeoutMs);
-    LabApi& api(int device) { return *m_api[device - 1]; }
+    LabApi& api(int device) { return m_devices.api(device); }
     QString id(int device) const { return m_lab->id(device); }
     LabLog log(int device) const { return LabLog(m_lab->logPath(device)); }
 
-    QScopedPointer<Lab> m_lab;
-    QList<LabApi*> m_api;
+    LabDevices m_devices;
+    Lab* m_lab = nullptr; // the devices' lab once it is up
     QScopedPointer<LabEventStream> m_events; // dev1's
 };
 
@@ -121,15 +113,9 @@ void tst_LabGrouping::initTestCase()
     const QString reason = Lab::unavailableReason();
     if (!reason.isEmpty())
         QSKIP(qPrintable(reason));
-    m_lab.reset(new Lab(QStringLiteral("g%1").arg(QCoreApplication::applicationPid() % 10000000)));
-    QVERIFY2(m_lab->up(3, {QStringLiteral("--resend-ms"), QString::number(kResendMs),
-                           QStringLiteral("--timeout-ms"), QString::number(kTimeoutMs),
-                           QStringLiteral("--discovery-ms"), QString::number(kDiscoveryMs)}),
-             qPrintable(m_lab->lastOutput()));
-    for (int device = 1; device <= 3; ++device) {
-        QVERIFY(!m_lab->id(device).isEmpty());
-        m_api.append(new LabApi(m_lab->api(device), this));
-    }
+    QString why;
+    QVERIFY2(m_devices.up(QStringLiteral("g"), 3, kResendMs, kTimeoutMs, kDiscoveryMs, &why), qPrintable(why));
+    m_lab = &m_devices.lab();
     m_events.reset(new LabEventStream(m_lab->api(1)));
     QVERIFY(m_events->open());
 }
@@ -142,25 +128,15 @@ void tst_LabGrouping::init()
 
 void tst_LabGrouping::cleanup()
 {
-    if (QTest::currentTestFailed()) {
-        for (int device = 1; device <= 3; ++device) {
-            LabLog tail = log(device);
-            tail.refresh();
-            const QList<LabLog::Entry>& entries = tail.entries();
-            qWarning("--- dev%d log, last lines ---", device);
-            for (int i = qMax(0, entries.size() - 25); i < entries.size(); ++i)
-                qWarning("%s %s %s", qPrintable(entries.at(i).level), qPrintable(entries.at(i).logger),
-                         qPrintable(entries.at(i).message.left(300)));
-        }
-    }
+    if (QTest::currentTestFailed())
+        m_devices.printLogTails(25);
 }
 
 void tst_LabGrouping::cleanupTestCase()
 {
     m_events.reset();
-    if (m_lab) {
-        QVERIFY2(m_lab->down(), qPrintable(m_lab->lastOutput()));
-    }
+    QString why;
+    QVERIFY2(m_devices.down(&why), qPrintable(why));
 }
 
 bool tst_LabGrouping::waitAlone(int device, int timeoutMs)
@@ -169,7 +145,7 @@ bool tst_LabGrouping::waitAlone(int device, int timeoutMs)
     clock.start();
     do {
         const QJsonArray rows = api(device).rows(kMembers);
-        if (api(device).deviceState() == 2 && rowIds(rows) == QStringList{id(device)}
+        if (api(device).deviceState() == 2 && LabDevices::rowIds(rows) == QStringList{id(device)}
             && masterIdOf(rows.at(0).toObject()) == id(device))
             return true;
         QTest::qWait(50);
@@ -241,12 +217,12 @@ void tst_LabGrouping::joinListsReceiverOnTranscoderWithinOneSecond()
     QCOMPARE(followerIdOf(row), id(2));
     QCOMPARE(groupingMember(row).value(QStringLiteral("follower")).toObject().value(QStringLiteral("ipAddress")).toString(),
              m_lab->address(2));
-    QCOMPARE(rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
+    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
 
     // B is a receiver whose own row names A; A is still a transcoder.
     QCOMPARE(api(2).deviceState(), 1);
     QCOMPARE(api(2).ownMasterId(id(2)), id(1));
-    QCOMPARE(rowIds(api(2).rows(kMembers)), QStringList{id(2)});
+    QCOMPARE(LabDevices::rowIds(api(2).rows(kMembers)), QStringList{id(2)});
     QCOMPARE(api(1).deviceState(), 2);
     QCOMPARE(api(1).ownMasterId(id(1)), id(1));
     QCOMPARE(api(1).value(QStringLiteral("/system/member")).toObject().value(QStringLiteral("systemMember")).toObject()
@@ -269,7 +245,7 @@ void tst_LabGrouping::leaveRemovesReceiverAtOnce()
     QVERIFY2(removed >= 0, "dev1 still lists dev2 after its leave");
     QVERIFY(m_events->events().at(removed).receivedMs - requested <= kDeliveryMs * 2);
 
-    QCOMPARE(rowIds(api(1).rows(kMembers)), QStringList{id(1)});
+    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), QStringList{id(1)});
     QCOMPARE(api(2).deviceState(), 2);
     QCOMPARE(api(2).ownMasterId(id(2)), id(2));
     QCOMPARE(followerIdOf(api(2).row(kMembers, id(2))), id(2));
@@ -310,7 +286,7 @@ void tst_LabGrouping::killedReceiverIsDroppedAfterTheTimeout()
     QVERIFY2(delay >= kTimeoutMs - 1000, qPrintable(QStringLiteral("dropped too early: %1 ms").arg(delay)));
     QVERIFY2(delay <= kTimeoutMs + 1000, qPrintable(QStringLiteral("dropped too late: %1 ms").arg(delay)));
     QVERIFY(m_events->events().at(removed).receivedMs - removals.first().timeMs <= kDeliveryMs);
-    QCOMPARE(rowIds(api(1).rows(kMembers)), QStringList{id(1)});
+    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), QStringList{id(1)});
 
     QVERIFY2(m_lab->run({QStringLiteral("restart"), QStringLiteral("dev2")}) == 0, qPrintable(m_lab->lastOutput()));
     m_lab->status();
@@ -437,7 +413,7 @@ void tst_LabGrouping::joiningItselfIsRefused()
     QVERIFY(refusal.message.contains(id(2)));
 
     QCOMPARE(api(2).deviceState(), 2);
-    QCOMPARE(rowIds(api(2).rows(kMembers)), QStringList{id(2)});
+    QCOMPARE(LabDevices::rowIds(api(2).rows(kMembers)), QStringList{id(2)});
     QCOMPARE(api(2).ownMasterId(id(2)), id(2));
 }
 
@@ -461,9 +437,9 @@ void tst_LabGrouping::followedTranscoderCannotJoinAnother()
     // Nothing changed on A; B still follows it; C has no follower.
     QCOMPARE(api(1).deviceState(), 2);
     QCOMPARE(api(1).ownMasterId(id(1)), id(1));
-    QCOMPARE(rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
+    QCOMPARE(LabDevices::rowIds(api(1).rows(kMembers)), sorted({id(1), id(2)}));
     QCOMPARE(api(2).deviceState(), 1);
-    QCOMPARE(rowIds(api(3).rows(kMembers)), QStringList{id(3)});
+    QCOMPARE(LabDevices::rowIds(api(3).rows(kMembers)), QStringList{id(3)});
 }
 
 void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError_data()
@@ -473,12 +449,18 @@ void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError_data()
     QTest::addColumn<QString>("logged");
 
     QTest::newRow("empty") << QByteArray("{}") << "Empty grouping request" << "Empty grouping request";
-    QTest::newRow("join without master") << QByteArray("{\"command\":1}") << "Missing grouping master in request"
-                                         << "Missing grouping master in request";
-    QTest::newRow("join with empty master id") << QByteArray("{\"command\":1,\"master\":{\"id\":\"\",\"name\":\"x\"}}")
-                                               << "Missing grouping master id" << "Missing grouping master id";
-    QTest::newRow("command 0") << QByteArray("{\"command\":0}") << "Invalid command " << "Received invalid command";
-    QTest::newRow("command 2") << QByteArray("{\"command\":2}") << "valid command " << "Received invalid command";
+    QTest::newRow("join without master") << QByteArray(R"({"groupingRequest":{"command":1}})")
+                                         << "Missing grouping master in request" << "Missing grouping master in request";
+    QTest::newRow("join with empty master id")
+        << QByteArray(R"({"groupingRequest":{"command":1,"master":{"id":"","name":"x"}}})")
+        << "Missing grouping master id" << "Missing grouping master id";
+    QTest::newRow("command 0") << QByteArray(R"({"groupingRequest":{"command":0}})") << "Invalid command "
+                               << "Received invalid command";
+    QTest::newRow("command 2") << QByteArray(R"({"groupingRequest":{"command":2}})") << "valid command "
+                               << "Received invalid command";
+    // The older form, the record itself as the value, is read the same way.
+    QTest::newRow("older form, command 2") << QByteArray(R"({"command":2})") << "valid command "
+                                           << "Received invalid command";
 }
 
 void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError()
@@ -494,7 +476,7 @@ void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError()
     QCOMPARE(errorMessage(reply), error);
     QVERIFY(logB.waitForCount(QStringLiteral("ERROR"), QStringLiteral("SimpleGroupingRequest"), logged, 1, 2000, logFrom));
     QCOMPARE(api(2).deviceState(), 2);
-    QCOMPARE(rowIds(api(2).rows(kMembers)), QStringList{id(2)});
+    QCOMPARE(LabDevices::rowIds(api(2).rows(kMembers)), QStringList{id(2)});
 }
 
 void tst_LabGrouping::garbageDatagramsChangeNothing()
@@ -503,7 +485,7 @@ void tst_LabGrouping::garbageDatagramsChangeNothing()
     if (QTest::currentTestFailed())
         return;
     const QJsonArray before = api(1).rows(kMembers);
-    QCOMPARE(rowIds(before), sorted({id(1), id(2)}));
+    QCOMPARE(LabDevices::rowIds(before), sorted({id(1), id(2)}));
     LabLog logA = log(1);
     const int logFrom = logA.mark();
 

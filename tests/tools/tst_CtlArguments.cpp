@@ -38,6 +38,11 @@ void tst_CtlArguments::acceptsEveryCommandForm_data()
     QTest::newRow("watch") << QStringList{"watch"} << "watch" << QStringList{};
     QTest::newRow("watch prefix count") << QStringList{"watch", "/grouping", "--count", "2", "--timeout-ms=500"}
                                         << "watch" << QStringList{"/grouping"};
+    QTest::newRow("ui") << QStringList{"ui"} << "ui" << QStringList{};
+    QTest::newRow("ui watch") << QStringList{"ui", "--watch", "--count", "2", "--timeout-ms", "900"} << "ui"
+                              << QStringList{};
+    QTest::newRow("ui join") << QStringList{"ui", "join", "dev 2"} << "ui" << QStringList{"join", "dev 2"};
+    QTest::newRow("ui leave") << QStringList{"ui", "leave", "--timeout-ms", "900"} << "ui" << QStringList{"leave"};
     QTest::newRow("options anywhere") << QStringList{"rows", "--api", "h:1", "/x", "--json"} << "rows"
                                       << QStringList{"/x"};
     QTest::newRow("double dash") << QStringList{"set", "/a", "--", "--string"} << "set"
@@ -80,7 +85,7 @@ void tst_CtlArguments::usageErrorsSayWhatIsWrong_data()
     QTest::newRow("int too large") << QStringList{"set", "/a", "--int", "2147483648"}
                                    << "--int needs a whole number from -2147483648 to 2147483647, not '2147483648'";
     QTest::newRow("count elsewhere") << QStringList{"get", "/a", "--count", "1"}
-                                     << "option --count is only for watch, not for get";
+                                     << "option --count is only for watch, ui, not for get";
     QTest::newRow("string elsewhere") << QStringList{"invoke", "/a", "--string", "x"}
                                       << "option --string is only for set, not for invoke";
     QTest::newRow("zero count") << QStringList{"watch", "--count", "0"} << "--count needs a positive whole number, not '0'";
@@ -89,6 +94,26 @@ void tst_CtlArguments::usageErrorsSayWhatIsWrong_data()
     QTest::newRow("empty join id") << QStringList{"join", ""} << "join: the transcoder's ID is empty";
     QTest::newRow("leave surplus") << QStringList{"leave", "now"}
                                    << "leave: unexpected argument 'now'; usage: tarvctl leave";
+    QTest::newRow("ui unknown action") << QStringList{"ui", "show"}
+                                       << "ui: unknown action 'show'; usage: tarvctl ui [--watch] | ui join NAME|ID | "
+                                          "ui leave";
+    QTest::newRow("ui join without name") << QStringList{"ui", "join"}
+                                          << "ui join: missing NAME or ID; usage: tarvctl ui [--watch] | ui join "
+                                             "NAME|ID | ui leave";
+    QTest::newRow("ui join empty name") << QStringList{"ui", "join", ""}
+                                        << "ui join: the transcoder's NAME or ID is empty";
+    QTest::newRow("ui join surplus") << QStringList{"ui", "join", "a", "b"}
+                                     << "ui: unexpected argument 'b'; usage: tarvctl ui [--watch] | ui join NAME|ID | "
+                                        "ui leave";
+    QTest::newRow("ui leave surplus") << QStringList{"ui", "leave", "now"}
+                                      << "ui leave: unexpected argument 'now'; usage: tarvctl ui [--watch] | ui join "
+                                         "NAME|ID | ui leave";
+    QTest::newRow("ui join watch") << QStringList{"ui", "join", "a", "--watch"}
+                                   << "ui join: --watch is only for the list itself; usage: tarvctl ui [--watch] | ui "
+                                      "join NAME|ID | ui leave";
+    QTest::newRow("ui count without watch") << QStringList{"ui", "--count", "1"} << "ui: --count needs --watch";
+    QTest::newRow("watch elsewhere") << QStringList{"watch", "--watch"}
+                                     << "option --watch is only for ui, not for watch";
 }
 
 void tst_CtlArguments::usageErrorsSayWhatIsWrong()

@@ -43,6 +43,22 @@ const QByteArray systemMembers = R"({"path":"/system/members","title":"SystemMem
     {"id":"a","type":0,"title":"dev1","path":"","value":{"systemMember":{"id":"a","name":"dev1","host":"h1","transcoder":true}}},
     {"id":"b","type":0,"title":"dev2","path":"","value":{"systemMember":{"id":"b","name":"dev2","host":"h2","transcoder":true}}}]})";
 
+const QByteArray transcodersList = R"({"path":"/ui/grouping","title":"Transcoders","loading":false,"rows":[
+    {"id":"c-3","type":102,"title":"kitchen","path":"/ui/grouping/joinTranscoder/c-3"},
+    {"id":"a-1","type":102,"title":"   >   living room","path":"/ui/grouping/leave"},
+    {"id":"t1","type":102,"title":"twin","path":"/ui/grouping/joinTranscoder/t1"},
+    {"id":"t2","type":102,"title":"twin","path":"/ui/grouping/joinTranscoder/t2"}]})";
+
+// How tarvctl ui prints that list.
+const QString transcodersListText = QStringLiteral("Transcoders\n"
+                                                   "    kitchen      [c-3]\n"
+                                                   "  > living room  [a-1]  following\n"
+                                                   "    twin         [t1]\n"
+                                                   "    twin         [t2]\n");
+
+const QByteArray completionReply =
+    R"({"result":{"xclass":"TarvActionReply","result":{"path":"/ui/grouping"},"events":[{"path":"/ui/grouping","rowsType":1}]}})";
+
 } // namespace
 
 class tst_CtlCommand : public QObject
@@ -67,6 +83,16 @@ private Q_SLOTS:
     void joinTakesNameAndHostFromTheDeviceList();
     void joinWithNameAndHostAsksNothingElse();
     void joinOfAnUnknownDeviceSendsNothing();
+    void uiPrintsTheGroupingList();
+    void uiJoinActivatesTheJoinActionOfTheRow_data();
+    void uiJoinActivatesTheJoinActionOfTheRow();
+    void uiJoinOfTheFollowedTranscoderActivatesNothing();
+    void uiJoinThatNamesNoSingleTranscoderActivatesNothing_data();
+    void uiJoinThatNamesNoSingleTranscoderActivatesNothing();
+    void uiJoinRefusedPrintsTheRefusal();
+    void uiLeaveActivatesTheLeaveAction();
+    void uiWatchDrawsTheListAndRereadsItOnlyForItsOwnEvents();
+    void uiWatchWithTooFewListsTimesOut();
     void rowsPrintsATable();
     void treePrintsNodesAndValues();
     void watchPrintsEventsUnderThePrefixUpToTheCount();
@@ -154,7 +180,7 @@ void tst_CtlCommand::invokeSendsTheValueAndPrintsTheResult()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    Run result = run({"invoke", "/grouping/request", R"({"command":-1})", "--timeout-ms", "700"}, server.api());
+    Run result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})", "--timeout-ms", "700"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
     result = run({"invoke", "/x"}, server.api());
@@ -162,7 +188,7 @@ void tst_CtlCommand::invokeSendsTheValueAndPrintsTheResult()
 
     const QList<CannedServer::Received> received = server.received();
     QCOMPARE(received.size(), 2);
-    QCOMPARE(received.at(0).body, QByteArray(R"({"command":-1})"));
+    QCOMPARE(received.at(0).body, QByteArray(R"({"groupingRequest":{"command":-1}})"));
     QCOMPARE(received.at(0).params.value("timeout_ms"), QString("700"));
     QCOMPARE(received.at(1).body, QByteArray("{}"));
     QVERIFY(!received.at(1).params.contains("timeout_ms"));
@@ -173,12 +199,12 @@ void tst_CtlCommand::invokeRefusedPrintsTheHostsError()
     CannedServer server;
     const QByteArray error = R"({"error":{"name":"Error","title":"Error","message":"valid command "}})";
     server.answer("POST", "/api/v1/invoke", 422, error);
-    Run result = run({"invoke", "/grouping/request", R"({"command":2})"}, server.api());
+    Run result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
 
-    result = run({"invoke", "/grouping/request", R"({"command":2})", "--json"}, server.api());
+    result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})", "--json"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(error).object());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
@@ -193,7 +219,7 @@ void tst_CtlCommand::leaveSendsTheLeaveCommand()
     QCOMPARE(result.out, QString("true\n"));
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(server.received().first().params.value("path"), QString("/grouping/request"));
-    QCOMPARE(server.received().first().body, QByteArray(R"({"command":-1})"));
+    QCOMPARE(server.received().first().body, QByteArray(R"({"groupingRequest":{"command":-1}})"));
 }
 
 void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
@@ -209,7 +235,7 @@ void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
     QCOMPARE(received.at(1).params.value("path"), QString("/grouping/request"));
     QCOMPARE(received.at(1).params.value("timeout_ms"), QString("900"));
     QCOMPARE(QJsonDocument::fromJson(received.at(1).body).object(),
-             QJsonDocument::fromJson(R"({"command":1,"master":{"id":"b","name":"dev2","host":"h2"}})").object());
+             QJsonDocument::fromJson(R"({"groupingRequest":{"command":1,"master":{"id":"b","name":"dev2","host":"h2"}}})").object());
 }
 
 void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
@@ -220,7 +246,7 @@ void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
-             QJsonDocument::fromJson(R"({"command":1,"master":{"id":"z","name":"far","host":"10.0.0.9"}})").object());
+             QJsonDocument::fromJson(R"({"groupingRequest":{"command":1,"master":{"id":"z","name":"far","host":"10.0.0.9"}}})").object());
 }
 
 void tst_CtlCommand::joinOfAnUnknownDeviceSendsNothing()
@@ -232,6 +258,163 @@ void tst_CtlCommand::joinOfAnUnknownDeviceSendsNothing()
     QCOMPARE(result.err, QString("tarvctl: join: no device with id 'nobody' in /system/members; give --name and "
                                  "--host to join it anyway\n"));
     QCOMPARE(server.received().size(), 1); // the lookup only
+}
+
+void tst_CtlCommand::uiPrintsTheGroupingList()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, transcodersList);
+    Run result = run({"ui"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, transcodersListText);
+    QCOMPARE(server.received().size(), 1);
+    QCOMPARE(server.received().first().params.value("path"), QString("/ui/grouping"));
+
+    result = run({"ui", "--json"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
+}
+
+void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("printed");
+    QTest::newRow("by name") << "kitchen" << "/ui/grouping/joinTranscoder/c-3" << "join kitchen [c-3]: done\n";
+    QTest::newRow("by id") << "c-3" << "/ui/grouping/joinTranscoder/c-3" << "join kitchen [c-3]: done\n";
+    QTest::newRow("twin by id") << "t2" << "/ui/grouping/joinTranscoder/t2" << "join twin [t2]: done\n";
+}
+
+void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow()
+{
+    QFETCH(QString, target);
+    QFETCH(QString, path);
+    QFETCH(QString, printed);
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, transcodersList);
+    server.answer("POST", "/api/v1/invoke", 200, completionReply);
+    Run result = run({"ui", "join", target, "--timeout-ms", "800"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, printed);
+    QCOMPARE(result.err, QString());
+    const QList<CannedServer::Received> received = server.received();
+    QCOMPARE(received.size(), 2);
+    QCOMPARE(received.at(0).params.value("path"), QString("/ui/grouping"));
+    QCOMPARE(received.at(1).method, QString("POST"));
+    QCOMPARE(received.at(1).params.value("path"), path);
+    QCOMPARE(received.at(1).params.value("timeout_ms"), QString("800"));
+    QCOMPARE(received.at(1).body, QByteArray("{}"));
+
+    result = run({"ui", "join", target, "--json"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(completionReply).object());
+}
+
+void tst_CtlCommand::uiJoinOfTheFollowedTranscoderActivatesNothing()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, transcodersList);
+    server.answer("POST", "/api/v1/invoke", 200, completionReply);
+    // Its row leads to the leave action.
+    const Run result = run({"ui", "join", "living room"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("ui join: already following living room [a-1]\n"));
+    QCOMPARE(server.received().size(), 1);
+}
+
+void tst_CtlCommand::uiJoinThatNamesNoSingleTranscoderActivatesNothing_data()
+{
+    QTest::addColumn<QByteArray>("list");
+    QTest::addColumn<QString>("target");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("unknown") << transcodersList << "cellar"
+                             << "tarvctl: ui join: no transcoder 'cellar' in /ui/grouping (\"Transcoders\"); tarvctl ui "
+                                "shows the list\n";
+    QTest::newRow("two of that name") << transcodersList << "twin"
+                                      << "tarvctl: ui join: 2 transcoders are named 'twin'; give the id: t1, t2\n";
+    // While followed, the list offers no transcoder at all.
+    QTest::newRow("followers shown")
+        << QByteArray(R"({"path":"/ui/grouping","title":"List of followers","rows":[
+               {"id":"0-followers-list","type":6,"title":"Can't join playback while having followers!"},
+               {"id":"kitchen-follower","type":6,"title":"Follower: kitchen"}]})")
+        << "kitchen"
+        << "tarvctl: ui join: no transcoder 'kitchen' in /ui/grouping (\"List of followers\"); tarvctl ui shows the "
+           "list\n";
+}
+
+void tst_CtlCommand::uiJoinThatNamesNoSingleTranscoderActivatesNothing()
+{
+    QFETCH(QByteArray, list);
+    QFETCH(QString, target);
+    QFETCH(QString, error);
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, list);
+    server.answer("POST", "/api/v1/invoke", 200, completionReply);
+    const Run result = run({"ui", "join", target}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err, error);
+    QCOMPARE(server.received().size(), 1); // the list only
+}
+
+void tst_CtlCommand::uiJoinRefusedPrintsTheRefusal()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, transcodersList);
+    server.answer("POST", "/api/v1/invoke", 422,
+                  R"({"error":{"name":"Simple Grouping","title":"Error","message":"Previous grouping request not finished, reject request."}})");
+    const Run result = run({"ui", "join", "kitchen"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Previous grouping request not finished, reject request.\n"));
+}
+
+void tst_CtlCommand::uiLeaveActivatesTheLeaveAction()
+{
+    CannedServer server;
+    server.answer("POST", "/api/v1/invoke", 200, completionReply);
+    const Run result = run({"ui", "leave"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("leave: done\n"));
+    QCOMPARE(server.received().size(), 1);
+    QCOMPARE(server.received().first().params.value("path"), QString("/ui/grouping/leave"));
+    QCOMPARE(server.received().first().body, QByteArray("{}"));
+}
+
+void tst_CtlCommand::uiWatchDrawsTheListAndRereadsItOnlyForItsOwnEvents()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, transcodersList);
+    server.stream("/api/v1/events",
+                  {"event: rows\ndata: {\"path\":\"/grouping/members\",\"new\":{\"id\":\"x\"},\"old\":{}}\n\n",
+                   "event: value\ndata: {\"path\":\"/ui/grouping\",\"value\":{}}\n\n",
+                   "event: rows\ndata: {\"path\":\"/ui/grouping/x\",\"new\":{\"id\":\"x\"},\"old\":{}}\n\n",
+                   "event: rows\ndata: {\"path\":\"/ui/grouping\",\"new\":{\"id\":\"x\"},\"old\":{}}\n\n"},
+                  true);
+    const Run result = run({"ui", "--watch", "--timeout-ms", "600"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    // The list did not change: drawn once, read again for its one event.
+    QCOMPARE(result.out, transcodersListText);
+    int listReads = 0;
+    for (const CannedServer::Received& request : server.received())
+        listReads += request.path == "/api/v1/rows" ? 1 : 0;
+    QCOMPARE(listReads, 2);
+}
+
+void tst_CtlCommand::uiWatchWithTooFewListsTimesOut()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, transcodersList);
+    server.stream("/api/v1/events", {": nothing\n\n"}, true);
+    Run result = run({"ui", "--watch", "--count", "2", "--timeout-ms", "300"}, server.api());
+    QCOMPARE(result.exitCode, 4);
+    QCOMPARE(result.err, QString("tarvctl: timeout: 1 of 2 lists within 300 ms\n"));
+    QCOMPARE(result.out, transcodersListText);
+
+    // One list asked for: the first drawing ends it.
+    result = run({"ui", "--watch", "--count", "1", "--json", "--timeout-ms", "5000"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
 }
 
 void tst_CtlCommand::rowsPrintsATable()

@@ -31,6 +31,11 @@ private Q_SLOTS:
     void rowTypeNamesTheKnownTypes();
     void rowsIsATable();
     void rowsCopesWithMalformedRows();
+    void groupingViewShowsTranscodersWithTheFollowedOneMarked();
+    void groupingViewShowsFollowers();
+    void groupingViewOfNoTranscoders();
+    void groupingViewCopesWithMalformedRows();
+    void transcoderNameDropsTheMarkOfTheFollowedOnly();
     void treeShowsNodesRowsAndValues();
     void treeOfUnknownShapeIsShownAsJson();
     void eventIsOneLine_data();
@@ -168,6 +173,53 @@ void tst_CtlFormatter::rowsCopesWithMalformedRows()
                            "                 (not a row: null)\n"
                            "7   t     {}"));
     QCOMPARE(CtlFormatter::rows(QJsonObject()), QString(": 0 rows"));
+}
+
+void tst_CtlFormatter::groupingViewShowsTranscodersWithTheFollowedOneMarked()
+{
+    const QJsonObject answer = object(R"({"path":"/ui/grouping","title":"Transcoders","loading":false,"rows":[
+        {"id":"c-3","type":102,"title":"kitchen","path":"/ui/grouping/joinTranscoder/c-3"},
+        {"id":"a-1","type":102,"title":"   >   living room","path":"/ui/grouping/leave"},
+        {"id":"d","type":102,"title":"d","path":"/ui/grouping/joinTranscoder/d"}]})");
+    QCOMPARE(CtlFormatter::groupingView(answer), QString("Transcoders\n"
+                                                         "    kitchen      [c-3]\n"
+                                                         "  > living room  [a-1]  following\n"
+                                                         "    d            [d]"));
+}
+
+void tst_CtlFormatter::groupingViewShowsFollowers()
+{
+    const QJsonObject answer = object(R"({"path":"/ui/grouping","title":"List of followers","rows":[
+        {"id":"0-followers-list","type":6,"title":"Can't join playback while having followers!"},
+        {"id":"b-follower","type":6,"title":"Follower: dev2"}]})");
+    QCOMPARE(CtlFormatter::groupingView(answer), QString("List of followers\n"
+                                                         "    Can't join playback while having followers!\n"
+                                                         "    Follower: dev2"));
+}
+
+void tst_CtlFormatter::groupingViewOfNoTranscoders()
+{
+    QCOMPARE(CtlFormatter::groupingView(object(R"({"path":"/ui/grouping","title":"Transcoders","rows":[]})")),
+             QString("Transcoders\n    (no transcoder to join)"));
+}
+
+void tst_CtlFormatter::groupingViewCopesWithMalformedRows()
+{
+    QCOMPARE(CtlFormatter::groupingView(QJsonObject()), QString("(untitled list)\n    (no transcoder to join)"));
+    QCOMPARE(CtlFormatter::groupingView(object(R"({"title":7,"rows":[5,{"type":102,"title":{},"id":null}]})")),
+             QString("7\n    \n    {}  []"));
+}
+
+void tst_CtlFormatter::transcoderNameDropsTheMarkOfTheFollowedOnly()
+{
+    QCOMPARE(CtlFormatter::transcoderName(object(R"({"title":"   >   dev1","path":"/ui/grouping/leave"})")),
+             QString("dev1"));
+    QCOMPARE(CtlFormatter::transcoderName(object(R"({"title":"   >   dev1","path":"/ui/grouping/joinTranscoder/x"})")),
+             QString("   >   dev1"));
+    QCOMPARE(CtlFormatter::transcoderName(object(R"({"title":"dev1","path":"/ui/grouping/leave"})")), QString("dev1"));
+    QVERIFY(CtlFormatter::isFollowedTranscoder(object(R"({"path":"/ui/grouping/leave"})")));
+    QVERIFY(!CtlFormatter::isFollowedTranscoder(object(R"({"path":"/ui/grouping/joinTranscoder/x"})")));
+    QVERIFY(!CtlFormatter::isFollowedTranscoder(QJsonObject()));
 }
 
 void tst_CtlFormatter::treeShowsNodesRowsAndValues()

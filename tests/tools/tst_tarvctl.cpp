@@ -1,9 +1,11 @@
+#include <QDir>
 #include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
+#include <QUdpSocket>
 #include <QtTest>
 
 #include <memory>
@@ -100,6 +102,7 @@ private Q_SLOTS:
     void rowsShowsTheOwnMembership();
     void treeShowsTheModulesList();
     void watchSeesTheValueEventOfASet();
+    void uiShowsJoinsAndLeavesTheGroupingList();
     void jsonOutputParses_data();
     void jsonOutputParses();
     void everyErrorExitCodeAgainstTheHost();
@@ -252,7 +255,11 @@ void tst_tarvctl::setIsReadBack()
 void tst_tarvctl::invokeLeaveAnswersTrue()
 {
     requireHost();
-    Run run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
+    Run run = ctl({"invoke", "/grouping/request", R"({"groupingRequest": {"command": -1}})"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("true\n"));
+    // The older form, the request record itself as the value, still works.
+    run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
     CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
     run = ctl({"leave"}, m_host->api());
@@ -265,9 +272,15 @@ void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText_data()
     QTest::addColumn<QString>("value");
     QTest::addColumn<QString>("message");
     QTest::newRow("empty") << "{}" << "Empty grouping request";
-    QTest::newRow("command 2") << R"({"command":2})" << "valid command ";
-    QTest::newRow("join without master") << R"({"command":1})" << "Missing grouping master in request";
-    QTest::newRow("join without id") << R"({"command":1,"master":{"name":"x"}})" << "Missing grouping master id";
+    QTest::newRow("command 2") << R"({"groupingRequest":{"command":2}})" << "valid command ";
+    QTest::newRow("join without master") << R"({"groupingRequest":{"command":1}})"
+                                         << "Missing grouping master in request";
+    QTest::newRow("join without id") << R"({"groupingRequest":{"command":1,"master":{"name":"x"}}})"
+                                     << "Missing grouping master id";
+    QTest::newRow("union without record") << R"({"groupingRequest":"join"})" << "Invalid command ";
+    QTest::newRow("older form, command 2") << R"({"command":2})" << "valid command ";
+    QTest::newRow("older form, join without id") << R"({"command":1,"master":{"name":"x"}})"
+                                                 << "Missing grouping master id";
 }
 
 void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText()
@@ -342,6 +355,86 @@ void tst_tarvctl::watchSeesTheValueEventOfASet()
     QCOMPARE(QString::fromUtf8(watch.readAllStandardOutput()), QString("value /settings/streaming/requestTimeout = 1300\n"));
 }
 
+// Two hosts that find each other on loopback: the grouping list of one
+// offers the other, and tarvctl ui works it as a user would.
+void tst_tarvctl::uiShowsJoinsAndLeavesTheGroupingList()
+{
+    requireHost();
+#ifdef TARV_HOST_BINARY
+    QDir work(m_work.path());
+    QVERIFY(work.mkpath("ui-kitchen") && work.mkpath("ui-cellar"));
+    HostProcess kitchen(QStringLiteral(TARV_HOST_BINARY), QStringLiteral(TARV_MODULE), work.filePath("ui-kitchen"));
+    HostProcess cellar(QStringLiteral(TARV_HOST_BINARY), QStringLiteral(TARV_MODULE), work.filePath("ui-cellar"));
+    const int discoveryPort = HostProcess::freeUdpPort();
+    kitchen.setDiscoveryPort(discoveryPort);
+    cellar.setDiscoveryPort(discoveryPort);
+    // Both run on this machine, so kitchen's announcements to cellar go to
+    // 127.0.0.1 on kitchen's own port. This socket takes them, and keeps
+    // kitchen's listener from hearing (and acting on) its own goodbye.
+    QUdpSocket sink;
+    QVERIFY(sink.bind(QHostAddress(QHostAddress::LocalHost), 0, QAbstractSocket::DontShareAddress));
+    kitchen.setRequestPort(sink.localPort());
+    QString error;
+    QVERIFY2(kitchen.start({"--name", "kitchen", "--discovery-ms", "300"}, &error), qPrintable(error));
+    QVERIFY2(cellar.start({"--name", "cellar", "--discovery-ms", "300"}, &error), qPrintable(error));
+    const QString offered = QStringLiteral("Transcoders\n    cellar  [%1]\n").arg(cellar.id());
+    const QString followed = QStringLiteral("Transcoders\n  > cellar  [%1]  following\n").arg(cellar.id());
+
+    Run run;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    do {
+        run = ctl({"ui"}, kitchen.api());
+    } while (run.out != offered && elapsed.elapsed() < 10000);
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, offered);
+
+    // A watcher subscribed before the join draws the list, then the list
+    // with cellar followed.
+    QProcess watch;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("TARV_API", kitchen.api());
+    watch.setProcessEnvironment(environment);
+    watch.start(TARVCTL_BINARY, {"--verbose", "ui", "--watch", "--count", "2", "--timeout-ms", "10000"});
+    QVERIFY(watch.waitForStarted(5000));
+    QByteArray err;
+    elapsed.restart();
+    while (!err.contains("Event stream open") && elapsed.elapsed() < 5000 && watch.state() != QProcess::NotRunning) {
+        if (watch.waitForReadyRead(100))
+            err += watch.readAllStandardError();
+    }
+    QVERIFY2(err.contains("Event stream open"), err.constData());
+
+    run = ctl({"ui", "join", "cellar"}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QStringLiteral("join cellar [%1]: done\n").arg(cellar.id()));
+    QVERIFY(watch.waitForFinished(10000));
+    QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(watch.exitCode(), 0);
+    QCOMPARE(QString::fromUtf8(watch.readAllStandardOutput()), offered + "\n" + followed);
+
+    run = ctl({"ui"}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, followed);
+    // Joining the followed one again would mean leaving it: nothing is done.
+    run = ctl({"ui", "join", cellar.id()}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QStringLiteral("ui join: already following cellar [%1]\n").arg(cellar.id()));
+
+    run = ctl({"ui", "leave"}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("leave: done\n"));
+    elapsed.restart();
+    do {
+        run = ctl({"ui"}, kitchen.api());
+    } while (run.out != offered && elapsed.elapsed() < 5000);
+    QCOMPARE(run.out, offered);
+
+    QVERIFY2(kitchen.stop(), qPrintable(kitchen.output().right(2000)));
+    QVERIFY2(cellar.stop(), qPrintable(cellar.output().right(2000)));
+#endif
+}
+
 void tst_tarvctl::jsonOutputParses_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -349,7 +442,7 @@ void tst_tarvctl::jsonOutputParses_data()
     QTest::newRow("host") << QStringList{"host"} << "id";
     QTest::newRow("get") << QStringList{"get", "/system/member"} << "value";
     QTest::newRow("set") << QStringList{"set", "/settings/streaming/stopTimeout", "--int", "5000"} << "value";
-    QTest::newRow("invoke") << QStringList{"invoke", "/grouping/request", R"({"command":-1})"} << "result";
+    QTest::newRow("invoke") << QStringList{"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})"} << "result";
     QTest::newRow("rows") << QStringList{"rows", "/system/members"} << "rows";
     QTest::newRow("tree") << QStringList{"tree"} << "nodes";
     QTest::newRow("error") << QStringList{"get", "/nope"} << "error";

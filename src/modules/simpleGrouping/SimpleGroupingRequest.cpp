@@ -131,7 +131,14 @@ void SimpleGroupingRequest::on_groupingRequest_activated(const CMSetDataRequest&
     }
     LOG4CPLUS_DEBUG(logger(), "Received command: " << map);
 
-    const TarvGroupingRequest groupingRequest(map.hash());
+    // The request is a value union holding the grouping request
+    // ({"groupingRequest": {"command": 1, "master": {...}}}), as the module's
+    // own writers send it. Clients written before that sent the record itself
+    // as the value ({"command": 1, ...}); a value without the union's key is
+    // still read that way so that they keep working.
+    const TarvValue value(map);
+    const TarvGroupingRequest groupingRequest =
+        value.contains(TarvValue::GroupingRequest()) ? value.groupingRequest() : TarvGroupingRequest(map);
     const int command = groupingRequest.command();
     if (command == TarvGroupingRequestCommand::Join) {
         if (!groupingRequest.contains(TarvGroupingRequest::Master())) {

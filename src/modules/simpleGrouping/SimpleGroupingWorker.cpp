@@ -21,7 +21,7 @@ SimpleGroupingWorker::SimpleGroupingWorker(const QVariantHash& settings)
     // Creation order is row order in the list node: the controller's members
     // row comes first, the UI's row second.
     m_ctrl = new SimpleGroupingCtrl(nodes(), m_listNode);
-    // The UI (SimpleGroupingUI) will be created here.
+    m_ui = new SimpleGroupingUI(nodes(), m_listNode);
     m_request = new SimpleGroupingRequest(nodes(), m_listNode);
     // The observer (SimpleGroupingObserver) will be created here.
 

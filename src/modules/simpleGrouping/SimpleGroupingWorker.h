@@ -7,6 +7,7 @@
 
 #include "SimpleGroupingCtrl.h"
 #include "SimpleGroupingRequest.h"
+#include "SimpleGroupingUI.h"
 
 // The module object: the one worker the host knows. It publishes the
 // module's list node ("VopGrouping") at its prefix and the remove-receiver
@@ -22,6 +23,7 @@ public:
 
     // The components, for inspection. The worker never deletes them.
     SimpleGroupingCtrl* controller() const { return m_ctrl; }
+    SimpleGroupingUI* ui() const { return m_ui; }
     SimpleGroupingRequest* request() const { return m_request; }
 
 Q_SIGNALS:
@@ -34,7 +36,7 @@ public Q_SLOTS:
 private:
     CMListRowsNode* m_listNode = nullptr;
     SimpleGroupingCtrl* m_ctrl = nullptr;
-    // The UI (SimpleGroupingUI) will be held here.
+    SimpleGroupingUI* m_ui = nullptr;
     SimpleGroupingRequest* m_request = nullptr;
     // The observer (SimpleGroupingObserver) will be held here.
     CMActivateNode* m_removeReceiverNode = nullptr;

@@ -18,7 +18,7 @@
 #include "ModuleTestSupport.h"
 
 // What a device's host holds for the module, set up per test: the own
-// record, the device state (empty until the module writes it), the two
+// record and id, the device state (empty until the module writes it), the two
 // streaming time settings and the system-members list in a registry of the
 // host's own. Everything goes away with the object (values are cleared).
 class GroupingTestHost
@@ -28,6 +28,7 @@ public:
         : m_nodes(new CMNodes)
     {
         CMRoot()->defineValue(TarvSystemMemberPath(), TarvValue().setSystemMember(self).toVariant());
+        CMRoot()->defineValue(TarvSystemMemberIdPath(), TarvValue().setString_(self.id()).toVariant());
         CMRoot()->defineValue(TarvDeviceStatePath(), TarvValue().toVariant());
         CMRoot()->defineValue(TarvStopStreamingTimeoutPath(), TarvValue().setI32_(stopTimeoutMs).toVariant());
         CMRoot()->defineValue(TarvRequestStreamingTimeoutPath(), TarvValue().setI32_(requestTimeoutMs).toVariant());
@@ -82,6 +83,25 @@ inline TarvSystemMember makeMember(const QString& id, const QString& name, const
     TarvSystemMember member;
     member.setId(id).setName(name).setHost(host).setIpAddress(ipAddress).setTranscoder(transcoder);
     return member;
+}
+
+// A grouping-request record: `command`, and `master` when `withMaster`.
+inline TarvGroupingRequest groupingRequestRecord(int command, const TarvSystemMember& master = TarvSystemMember(),
+                                                 bool withMaster = false)
+{
+    TarvGroupingRequest request;
+    request.setCommand(static_cast<TarvGroupingRequestCommand::Enum>(command));
+    if (withMaster)
+        request.setMaster(master);
+    return request;
+}
+
+// A grouping request as the module's own writers send it: a value union
+// holding the record ({"groupingRequest": {...}}).
+inline TarvHash groupingRequest(int command, const TarvSystemMember& master = TarvSystemMember(),
+                                bool withMaster = false)
+{
+    return TarvValue().setGroupingRequest(groupingRequestRecord(command, master, withMaster));
 }
 
 inline TarvRoles membersRow(const QString& id)

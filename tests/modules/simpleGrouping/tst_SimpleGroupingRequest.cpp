@@ -30,15 +30,6 @@ TarvSystemMember idOnly(const QString& id)
     return member;
 }
 
-TarvHash groupingRequest(int command, const TarvSystemMember& master = TarvSystemMember(), bool withMaster = false)
-{
-    TarvGroupingRequest request;
-    request.setCommand(static_cast<TarvGroupingRequestCommand::Enum>(command));
-    if (withMaster)
-        request.setMaster(master);
-    return request;
-}
-
 // Adds `id` to `container` within one wall-clock second and returns that
 // second.
 qint32 addWithinOneSecond(SimpleGroupingRequest::TimeoutContainer& container, const QString& id, int timeoutMs)
@@ -353,10 +344,12 @@ private Q_SLOTS:
         QFETCH(QVariant, command);
         QFETCH(QString, text);
         createRequest(3000);
-        TarvHash value;
-        value.insert(TarvGroupingRequest::Master(), makeMember("T", "Tango").toVariant());
+        TarvHash record;
+        record.insert(TarvGroupingRequest::Master(), makeMember("T", "Tango").toVariant());
         if (command.isValid())
-            value.insert(TarvGroupingRequest::Command(), command);
+            record.insert(TarvGroupingRequest::Command(), command);
+        TarvHash value;
+        value.insert(TarvValue::GroupingRequest(), record.toVariant());
 
         const CMReply<QVariant> reply = invoke(value);
         QVERIFY(reply.isFinished());
@@ -365,6 +358,75 @@ private Q_SLOTS:
         QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Request),
                  QStringList{"Received invalid command" + value.toJson(false)});
         QCOMPARE(signalCount(), 0);
+    }
+
+    // The union's key decides the form: with it the record is read from under
+    // the key, so a record next to it at the top level is not looked at.
+    void unionFormReadsTheRecordUnderItsKey()
+    {
+        createRequest(3000);
+        TarvHash value = groupingRequest(-1);
+        value.insert(TarvGroupingRequest::Command(), 1);
+        value.insert(TarvGroupingRequest::Master(), makeMember("T", "Tango").toVariant());
+        const CMReply<QVariant> reply = invoke(value);
+        QCOMPARE(reply.result(), QVariant(true));
+        QCOMPARE(m_left->count(), 1);
+        QCOMPARE(signalCount(), 1);
+    }
+
+    // A union whose grouping request is no record reads as an empty record:
+    // command 0.
+    void unionWithoutARecordRefusedAsCommandZero()
+    {
+        createRequest(3000);
+        TarvHash value;
+        value.insert(TarvValue::GroupingRequest(), QStringLiteral("join"));
+        const CMReply<QVariant> reply = invoke(value);
+        QVERIFY(reply.hasError());
+        QCOMPARE(reply.error().message(), QStringLiteral("Invalid command "));
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Request), QStringList{"Received invalid command" + value.toJson(false)});
+        QCOMPARE(signalCount(), 0);
+    }
+
+    // Older clients send the request record itself as the value; it is read
+    // the same way, with the same answers and log lines.
+    void recordWithoutUnionStillAccepted_data()
+    {
+        QTest::addColumn<TarvHash>("value");
+        QTest::addColumn<int>("joins");
+        QTest::addColumn<int>("leaves");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("join") << TarvHash(groupingRequestRecord(1, makeMember("T", "Tango", "tango.local"), true)) << 1 << 0
+                              << QString();
+        QTest::newRow("leave") << TarvHash(groupingRequestRecord(-1)) << 0 << 1 << QString();
+        QTest::newRow("join without master") << TarvHash(groupingRequestRecord(1)) << 0 << 0
+                                             << "Missing grouping master in request";
+        QTest::newRow("join with master without id")
+            << TarvHash(groupingRequestRecord(1, makeMember("", "Tango"), true)) << 0 << 0 << "Missing grouping master id";
+        QTest::newRow("command 2") << TarvHash(groupingRequestRecord(2)) << 0 << 0 << "valid command ";
+    }
+
+    void recordWithoutUnionStillAccepted()
+    {
+        QFETCH(TarvHash, value);
+        QFETCH(int, joins);
+        QFETCH(int, leaves);
+        QFETCH(QString, error);
+        createRequest(3000);
+        const CMReply<QVariant> reply = invoke(value);
+        QVERIFY(reply.isFinished());
+        QCOMPARE(m_joined->count(), joins);
+        QCOMPARE(m_left->count(), leaves);
+        QCOMPARE(m_log->count(DEBUG_LOG_LEVEL, "Received command: " + value.toJson(false), Request), 1);
+        if (error.isEmpty()) {
+            QVERIFY(!reply.hasError());
+            QCOMPARE(reply.result(), QVariant(true));
+            if (joins)
+                QCOMPARE(m_joined->at(0).at(0).value<TarvSystemMember>(), makeMember("T", "Tango", "tango.local"));
+        } else {
+            QVERIFY(reply.hasError());
+            QCOMPARE(reply.error().message(), error);
+        }
     }
 
     void answeredTrueWithNobodyListening()

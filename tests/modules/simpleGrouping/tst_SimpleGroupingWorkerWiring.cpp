@@ -22,16 +22,12 @@ const QString Worker = QStringLiteral("SimpleGroupingWorker");
 
 TarvHash joinRequest(const TarvSystemMember& master)
 {
-    TarvGroupingRequest request;
-    request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return request;
+    return groupingRequest(TarvGroupingRequestCommand::Join, master, true);
 }
 
 TarvHash leaveRequest()
 {
-    TarvGroupingRequest request;
-    request.setCommand(TarvGroupingRequestCommand::Leave);
-    return request;
+    return groupingRequest(TarvGroupingRequestCommand::Leave);
 }
 } // namespace
 
@@ -103,6 +99,11 @@ private Q_SLOTS:
         // The worker never deletes its components; a test must.
         if (m_worker) {
             delete m_worker->controller();
+            if (SimpleGroupingUI* ui = m_worker->ui()) {
+                delete ui->systemMembersClone();
+                delete ui->groupingMembersClone();
+                delete ui;
+            }
             delete m_worker->request();
         }
         delete m_worker;
@@ -112,16 +113,19 @@ private Q_SLOTS:
         m_log.reset();
     }
 
-    void componentsCreatedControllerRowFirst()
+    void componentsCreatedControllerRowFirstThenUi()
     {
         useFreePort();
         createWorker(3000);
         QVERIFY(m_worker->controller());
+        QVERIFY(m_worker->ui());
         QVERIFY(m_worker->request());
         auto* list = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(CMPath("/modules/simpleGrouping")));
         QVERIFY(list);
-        QVERIFY(list->rowsSize() >= 1);
+        QCOMPARE(list->rowsSize(), 2);
         QCOMPARE(list->getRowRoles(0).path(), TarvGroupingMembersPath());
+        QCOMPARE(list->getRowRoles(1).path(), TarvGroupingUIPath());
+        QCOMPARE(list->getRowRoles(1).title().toString(), QStringLiteral("Transcoders"));
         QVERIFY(membersNode());
         QVERIFY(qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingRequestPath())));
         QVERIFY(qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingMembersRemoveReceiverPath())));
@@ -254,6 +258,46 @@ private Q_SLOTS:
         QCOMPARE(m_log->count(DEBUG_LOG_LEVEL, "Device not a receiver, no need to ungroup.", Ctrl), 1);
         // The module's own listener never heard this device's datagrams.
         QCOMPARE(m_log->countStartingWith(TRACE_LOG_LEVEL, "Received packet ", Socket), 0);
+    }
+
+    // The UI's own requests, in the form it writes them, reach the request
+    // node and the controller.
+    void uiJoinAndLeaveReachTheControllerThroughTheRequestNode()
+    {
+        QVERIFY(useSink());
+        QVERIFY(startWorker(3000));
+        auto* list = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(TarvGroupingUIPath()));
+        QVERIFY(list);
+        const CMPath joinTango("/ui/grouping/joinTranscoder/T");
+        QTRY_COMPARE_WITH_TIMEOUT(list->rowsSize(), 1, 2000);
+        QCOMPARE(list->getRowRoles(0).path(), joinTango);
+
+        const CMReply<QVariant> join = invoke(joinTango, TarvHash());
+        QVERIFY(join.isFinished());
+        QVERIFY(!join.hasError());
+        QCOMPARE(TarvActionReply(join.result().toHash()).xclass(), QStringLiteral("TarvActionReply"));
+        // The join request was written just before the answer and travels
+        // through the event loop.
+        QTRY_COMPARE_WITH_TIMEOUT(GroupingTestHost::deviceState().type(), TarvTranscoderState::Receiver, 2000);
+        const TarvSystemMember master = ownGroupingMember().master();
+        QCOMPARE(master.id(), QStringLiteral("T"));
+        QCOMPARE(master.name(), QStringLiteral("Tango"));
+        QCOMPARE(master.host(), QStringLiteral("127.0.0.1"));
+        QCOMPARE(nextDatagram(*m_sink), "add" + ownJson());
+        // The first leave of the join found nothing to leave.
+        QCOMPARE(m_log->count(DEBUG_LOG_LEVEL, "Device not a receiver, no need to ungroup.", Ctrl), 1);
+        // The followed transcoder now leads to the leave node.
+        QCOMPARE(list->rowsGetById("T").title().toString(), QStringLiteral("   >   Tango"));
+        QCOMPARE(list->rowsGetById("T").path(), TarvGroupingUILeavePath());
+
+        const CMReply<QVariant> leave = invoke(list->rowsGetById("T").path(), TarvHash());
+        QVERIFY(leave.isFinished());
+        QVERIFY(!leave.hasError());
+        QCOMPARE(GroupingTestHost::deviceState().type(), TarvTranscoderState::Transcoder);
+        QCOMPARE(ownGroupingMember().master(), m_self);
+        QCOMPARE(nextDatagramStartingWith(*m_sink, "remove", "add" + ownJson()), "remove" + ownJson());
+        QCOMPARE(list->rowsGetById("T").path(), joinTango);
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Request), QStringList());
     }
 
     void transcoderFedRealDatagrams()

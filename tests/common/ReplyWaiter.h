@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 #include <QElapsedTimer>
@@ -23,6 +24,7 @@ public:
               timer.start();
               m_finished = wait();
               m_waited = timer.elapsed();
+              m_returnedAt = std::chrono::steady_clock::now();
               m_returned = true;
           })
     {
@@ -41,14 +43,17 @@ public:
             m_thread.join();
     }
     bool returned() const { return m_returned; }
-    // Valid after join().
+    // Valid after join(), or once returned() is true.
     bool finished() const { return m_finished; }
     qint64 waited() const { return m_waited; }
+    // When the wait returned, to set against moments seen elsewhere.
+    std::chrono::steady_clock::time_point returnedAt() const { return m_returnedAt; }
 
 private:
     CMReplyAbstractData* m_data;
     std::atomic<bool> m_returned{false};
     bool m_finished = false;
     qint64 m_waited = 0;
+    std::chrono::steady_clock::time_point m_returnedAt;
     std::thread m_thread; // last: starts once the state above exists
 };
