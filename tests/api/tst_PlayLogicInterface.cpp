@@ -18,6 +18,12 @@ private Q_SLOTS:
         QCOMPARE(player->thread(), CMRoot()->thread());
     }
 
+    void dataPathIsThePlayerDataPath()
+    {
+        QCOMPARE(PlayLogicInterface::playerInstance()->dataPath(), TarvPlayerDataPath());
+        QCOMPARE(PlayLogicInterface::playerInstance()->dataPath().toString(), QStringLiteral("/player/data"));
+    }
+
     void dataIsEmptyUntilThePlayerPublishes()
     {
         QVERIFY(PlayLogicInterface::playerInstance()->data().isEmpty());

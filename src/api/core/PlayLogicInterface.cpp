@@ -22,6 +22,11 @@ TarvPlayLogicData PlayLogicInterface::data() const
     return TarvPlayLogicData(CMRoot()->getValue(TarvPlayerDataPath()).toHash());
 }
 
+CMPath PlayLogicInterface::dataPath() const
+{
+    return TarvPlayerDataPath();
+}
+
 void PlayLogicInterface::on_root_valueChanged(const CMPath& path, const QVariant& value)
 {
     Q_UNUSED(path);

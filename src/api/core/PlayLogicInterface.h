@@ -15,6 +15,9 @@ public:
     static PlayLogicInterface* playerInstance();
 
     TarvPlayLogicData data() const;
+    // Where the player's data lives, for those who follow its changes
+    // through the root worker.
+    CMPath dataPath() const;
 
 Q_SIGNALS:
     void dataChanged(const TarvPlayLogicData& data);

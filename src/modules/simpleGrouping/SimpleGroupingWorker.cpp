@@ -19,11 +19,11 @@ SimpleGroupingWorker::SimpleGroupingWorker(const QVariantHash& settings)
     m_listNode->setTitle(TrString("VopGrouping"));
 
     // Creation order is row order in the list node: the controller's members
-    // row comes first, the UI's row second.
+    // row comes first, the UI's row second. The observer comes last.
     m_ctrl = new SimpleGroupingCtrl(nodes(), m_listNode);
     m_ui = new SimpleGroupingUI(nodes(), m_listNode);
     m_request = new SimpleGroupingRequest(nodes(), m_listNode);
-    // The observer (SimpleGroupingObserver) will be created here.
+    m_observer = new SimpleGroupingObserver(nodes(), m_listNode);
 
     m_removeReceiverNode = CMActivateNode::create(nodes(), TarvGroupingMembersRemoveReceiverPath());
     m_removeReceiverNode->setInvoke(this, &SimpleGroupingWorker::on_remove_receiver, Qt::QueuedConnection);

@@ -6,6 +6,7 @@
 #include <tarv>
 
 #include "SimpleGroupingCtrl.h"
+#include "SimpleGroupingObserver.h"
 #include "SimpleGroupingRequest.h"
 #include "SimpleGroupingUI.h"
 
@@ -25,6 +26,7 @@ public:
     SimpleGroupingCtrl* controller() const { return m_ctrl; }
     SimpleGroupingUI* ui() const { return m_ui; }
     SimpleGroupingRequest* request() const { return m_request; }
+    SimpleGroupingObserver* observer() const { return m_observer; }
 
 Q_SIGNALS:
     void requestRemoveReceiver(const TarvSystemMember& member);
@@ -38,7 +40,7 @@ private:
     SimpleGroupingCtrl* m_ctrl = nullptr;
     SimpleGroupingUI* m_ui = nullptr;
     SimpleGroupingRequest* m_request = nullptr;
-    // The observer (SimpleGroupingObserver) will be held here.
+    SimpleGroupingObserver* m_observer = nullptr;
     CMActivateNode* m_removeReceiverNode = nullptr;
 };
 

@@ -18,9 +18,10 @@
 #include "ModuleTestSupport.h"
 
 // What a device's host holds for the module, set up per test: the own
-// record and id, the device state (empty until the module writes it), the two
-// streaming time settings and the system-members list in a registry of the
-// host's own. Everything goes away with the object (values are cleared).
+// record and id, the device state (empty until the module writes it), the
+// two streaming time settings, the saved group (none), the player's data
+// (state 0) and the system-members list in a registry of the host's own.
+// Everything goes away with the object (values are cleared).
 class GroupingTestHost
 {
 public:
@@ -29,6 +30,9 @@ public:
     {
         CMRoot()->defineValue(TarvSystemMemberPath(), TarvValue().setSystemMember(self).toVariant());
         CMRoot()->defineValue(TarvSystemMemberIdPath(), TarvValue().setString_(self.id()).toVariant());
+        CMRoot()->defineValue(TarvGroupingPersistentGroupSettingsPath(),
+                              TarvValue().setGroupingPersistentGroup(TarvGroupingPersistentGroup()).toVariant());
+        CMRoot()->defineValue(TarvPlayerDataPath(), TarvPlayLogicData().setState(0).toVariant());
         CMRoot()->defineValue(TarvDeviceStatePath(), TarvValue().toVariant());
         CMRoot()->defineValue(TarvStopStreamingTimeoutPath(), TarvValue().setI32_(stopTimeoutMs).toVariant());
         CMRoot()->defineValue(TarvRequestStreamingTimeoutPath(), TarvValue().setI32_(requestTimeoutMs).toVariant());

@@ -42,6 +42,10 @@ private:
     std::unique_ptr<LogHook> m_initHook;
     bool m_initSeen = false;
     std::chrono::steady_clock::time_point m_initAt;
+    // Whether the observer's save action existed when the request object
+    // announced itself, and when the constructor ended.
+    int m_saveNodeWhenRequestCreated = -1;
+    int m_saveNodeWhenConstructed = -1;
     std::unique_ptr<GroupingTestHost> m_host;
     void* m_module = nullptr;
     WorkerCreate m_workerCreate = nullptr;
@@ -69,6 +73,11 @@ private Q_SLOTS:
                 m_initAt = std::chrono::steady_clock::now();
                 m_initSeen = true;
             }
+            const bool saveNode = CMRoot()->findNode(TarvGroupingPersistentGroupSavePath()) != nullptr;
+            if (event.getMessage() == "Created SimpleGroupingRequest")
+                m_saveNodeWhenRequestCreated = saveNode;
+            if (event.getMessage() == "Leave SimpleGroupingWorker::SimpleGroupingWorker")
+                m_saveNodeWhenConstructed = saveNode;
         });
 
         // A device's host: own record, time settings, member list; the
@@ -142,6 +151,32 @@ private Q_SLOTS:
         QVERIFY(action);
         QCOMPARE(action->path(), CMPath("/grouping/removeReceiver"));
         QCOMPARE(action->nodes(), qobject_cast<CMNodesWorker*>(m_worker)->nodes());
+    }
+
+    // The observer is the last component the worker creates.
+    void observerIsCreatedAfterTheRequestObject()
+    {
+        QCOMPARE(m_saveNodeWhenRequestCreated, 0);
+        QCOMPARE(m_saveNodeWhenConstructed, 1);
+        auto* save = qobject_cast<CMActivateNode*>(CMRoot()->findNode(TarvGroupingPersistentGroupSavePath()));
+        QVERIFY(save);
+        QCOMPARE(save->nodes(), qobject_cast<CMNodesWorker*>(m_worker)->nodes());
+    }
+
+    // The loaded module saves a group: its observer is live.
+    void saveActionWritesTheSavedGroup()
+    {
+        TarvGroupingPersistentGroup group;
+        group.setName("Home").setMembers(TarvList<QString>({"B"}));
+        const CMReply<QVariant> reply;
+        CMRoot()->invoke(TarvGroupingPersistentGroupSavePath(), TarvValue().setGroupingPersistentGroup(group), reply);
+        QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 2000);
+        QCOMPARE(reply.result(), QVariant(true));
+        const TarvGroupingPersistentGroup saved =
+            TarvValue(CMRoot()->getValue(TarvGroupingPersistentGroupSettingsPath()).toHash()).groupingPersistentGroup();
+        QCOMPARE(saved.name(), QStringLiteral("Home"));
+        QCOMPARE(saved.members().size(), 2);
+        QVERIFY(saved.members().contains("A") && saved.members().contains("B"));
     }
 
     void constructionIsTraced()
