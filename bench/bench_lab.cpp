@@ -2,7 +2,10 @@
 // latency as a transcoder's own event stream reports them, the delay from a
 // receiver's SIGKILL to its removal, and the footprint of one idle host.
 //
-//   bench_lab [--rounds N] [--kills N] [--idle-s N] [--resend-ms N] [--timeout-ms N] [--discovery-ms N]
+// It also times how long a saved group takes to come back after power loss.
+//
+//   bench_lab [--rounds N] [--kills N] [--regroups N] [--idle-s N] [--resend-ms N] [--timeout-ms N]
+//             [--discovery-ms N]
 
 #include <algorithm>
 #include <cmath>
@@ -13,21 +16,25 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonObject>
 #include <QRandomGenerator>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include "Lab.h"
 #include "LabApi.h"
 #include "LabEventStream.h"
+#include "LabLog.h"
 
 namespace {
 
 struct Options {
     int rounds = 200;
     int kills = 20;
+    int regroups = 10;
     int idleS = 60;
     int resendMs = 1000;
     int timeoutMs = 5000;
@@ -107,6 +114,82 @@ int fail(const QString& why, Lab& lab)
     return 1;
 }
 
+struct Regroup {
+    bool formed = false;
+    // From the last restarted host's ready line (negative when the group was
+    // back before that host printed it) and from its first log line.
+    double fromReadyMs = 0;
+    double fromStartMs = 0;
+};
+
+// The time of the first entry of `log` from `from` on that matches, waiting
+// up to `timeoutMs` for it; -1 when none came.
+qint64 entryTime(LabLog& log, const QString& level, const QString& logger, const QString& prefix,
+                 const QString& containing, int from, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    do {
+        log.refresh();
+        for (const LabLog::Entry& entry : log.find(level, logger, prefix, from)) {
+            if (entry.message.contains(containing))
+                return entry.timeMs;
+        }
+        QTest::qWait(20);
+    } while (clock.elapsed() < timeoutMs);
+    return -1;
+}
+
+// Kills `killed` with SIGKILL and restarts them in that order; dev1 keeps
+// the saved group of all three. The group is back when dev1 has listed
+// both other devices as followers again ("Added to membersNode" in its log,
+// the moment its members list changed). Times are the hosts' log times (one
+// machine, one clock); the event stream cannot see it, as dev1's API is not
+// up yet when a restarted dev1 lists its followers.
+Regroup regroup(Lab& lab, const QList<int>& killed, int limitMs)
+{
+    QList<LabLog> logs;
+    QList<int> from;
+    for (int device = 1; device <= 3; ++device) {
+        logs.append(LabLog(lab.logPath(device)));
+        from.append(logs.last().mark());
+    }
+    for (int device : killed)
+        ::kill(pid_t(lab.pid(device)), SIGKILL);
+    for (int device : killed) {
+        if (lab.run({QStringLiteral("restart"), QStringLiteral("dev%1").arg(device)}) != 0)
+            return Regroup();
+    }
+    lab.status();
+    qint64 lastReady = 0;
+    qint64 lastStart = 0;
+    for (int device : killed) {
+        LabLog& log = logs[device - 1];
+        const qint64 ready = entryTime(log, QStringLiteral("INFO"), QStringLiteral("tarv-host"),
+                                       QStringLiteral("tarv-host ready"), QString(), from.at(device - 1), 5000);
+        log.refresh();
+        if (ready < 0 || log.entries().size() <= from.at(device - 1))
+            return Regroup();
+        lastReady = qMax(lastReady, ready);
+        lastStart = qMax(lastStart, log.entries().at(from.at(device - 1)).timeMs);
+    }
+    qint64 regrouped = 0;
+    for (int follower : {2, 3}) {
+        const qint64 added = entryTime(logs[0], QStringLiteral("DEBUG"), QStringLiteral("SimpleGroupingCtrl"),
+                                       QStringLiteral("Added to membersNode: "), lab.id(follower), from.at(0), limitMs);
+        if (added < 0)
+            return Regroup();
+        regrouped = qMax(regrouped, added);
+    }
+    Regroup result;
+    result.formed = true;
+    if (killed.isEmpty())
+        lastReady = lastStart = regrouped;
+    result.fromReadyMs = double(regrouped - lastReady);
+    result.fromStartMs = double(regrouped - lastStart);
+    return result;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -118,6 +201,7 @@ int main(int argc, char** argv)
         const int value = args.at(i + 1).toInt();
         if (args.at(i) == QLatin1String("--rounds")) options.rounds = value;
         else if (args.at(i) == QLatin1String("--kills")) options.kills = value;
+        else if (args.at(i) == QLatin1String("--regroups")) options.regroups = value;
         else if (args.at(i) == QLatin1String("--idle-s")) options.idleS = value;
         else if (args.at(i) == QLatin1String("--resend-ms")) options.resendMs = value;
         else if (args.at(i) == QLatin1String("--timeout-ms")) options.timeoutMs = value;
@@ -134,10 +218,23 @@ int main(int argc, char** argv)
     }
 
     Lab lab(QStringLiteral("b%1").arg(QCoreApplication::applicationPid() % 10000000));
+    // The lab's log layout, with the controller's member changes (DEBUG)
+    // for the regroup times.
+    QTemporaryDir logDir;
+    QFile logConfig(logDir.filePath(QStringLiteral("log.properties")));
+    if (!logDir.isValid() || !logConfig.open(QIODevice::WriteOnly))
+        return 1;
+    logConfig.write("log4cplus.rootLogger=INFO, STDERR\n"
+                    "log4cplus.logger.SimpleGroupingCtrl=DEBUG\n"
+                    "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
+                    "log4cplus.appender.STDERR.logToStdErr=true\n"
+                    "log4cplus.appender.STDERR.ImmediateFlush=true\n"
+                    "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
+                    "log4cplus.appender.STDERR.layout.ConversionPattern=%D{%Y-%m-%d %H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n\n");
+    logConfig.close();
+    lab.setVariable(QStringLiteral("LAB_LOG_CONFIG"), logConfig.fileName());
     std::fprintf(stderr, "bench_lab: bringing up 3 devices\n");
-    if (!lab.up(3, {QStringLiteral("--resend-ms"), QString::number(options.resendMs),
-                    QStringLiteral("--timeout-ms"), QString::number(options.timeoutMs),
-                    QStringLiteral("--discovery-ms"), QString::number(options.discoveryMs)}))
+    if (!lab.up(3, Lab::timeOptions(options.resendMs, options.timeoutMs, options.discoveryMs)))
         return fail(QStringLiteral("the lab did not come up"), lab);
 
     const QString members = QStringLiteral("/grouping/members");
@@ -202,6 +299,37 @@ int main(int argc, char** argv)
     }
     eventsA.close();
 
+    // Regroup after power loss: dev1 saves the group of three; then (a) all
+    // three devices, (b) only dev1 are killed and restarted.
+    std::vector<double> allFromReady, allFromStart, masterFromReady, masterFromStart;
+    std::fprintf(stderr, "bench_lab: %d regroup trials of each kind\n", options.regroups);
+    {
+        LabApi(lab.api(2)).leave();
+        const int from = LabLog(lab.logPath(1)).mark();
+        if (!a.save(QStringLiteral("Home"), {idB, lab.id(3)}).ok())
+            return fail(QStringLiteral("dev1 did not save the group"), lab);
+        LabLog log1(lab.logPath(1));
+        for (int follower : {2, 3}) {
+            if (entryTime(log1, QStringLiteral("DEBUG"), QStringLiteral("SimpleGroupingCtrl"),
+                          QStringLiteral("Added to membersNode: "), lab.id(follower), from, 10000) < 0)
+                return fail(QStringLiteral("the saved group did not form"), lab);
+        }
+        for (int trial = 0; trial < options.regroups; ++trial) {
+            const Regroup all = regroup(lab, {2, 3, 1}, 20000);
+            if (!all.formed)
+                return fail(QStringLiteral("no regroup after all were killed, trial %1").arg(trial), lab);
+            allFromReady.push_back(all.fromReadyMs);
+            allFromStart.push_back(all.fromStartMs);
+            const Regroup master = regroup(lab, {1}, 20000);
+            if (!master.formed)
+                return fail(QStringLiteral("no regroup after the master was killed, trial %1").arg(trial), lab);
+            masterFromReady.push_back(master.fromReadyMs);
+            masterFromStart.push_back(master.fromStartMs);
+            std::fprintf(stderr, "bench_lab:   trial %d: all %.0f ms (%.0f from start), master only %.0f ms (%.0f)\n",
+                         trial + 1, all.fromReadyMs, all.fromStartMs, master.fromReadyMs, master.fromStartMs);
+        }
+    }
+
     // One host, idle but in a live three-device LAN (discovery running).
     std::fprintf(stderr, "bench_lab: watching dev3 idle for %d s\n", options.idleS);
     const qint64 pid = lab.pid(3);
@@ -224,6 +352,10 @@ int main(int argc, char** argv)
     printRow("join: request on B -> row on A's events", stats(joinMs), "ms");
     printRow("leave: request on B -> row gone on A's events", stats(leaveMs), "ms");
     printRow("SIGKILL of B -> row gone on A's events", stats(killMs), "ms");
+    printRow("regroup, all 3 killed: last ready -> all on A", stats(allFromReady), "ms");
+    printRow("regroup, all 3 killed: last start -> all on A", stats(allFromStart), "ms");
+    printRow("regroup, A killed: ready -> all on A", stats(masterFromReady), "ms");
+    printRow("regroup, A killed: start -> all on A", stats(masterFromStart), "ms");
     std::printf("\nOne idle tarv-host with the module (dev3, %.0f s): RSS %.1f MiB (peak %.1f MiB), CPU %.3f %% of one core\n",
                 wallS, double(rssKb) / 1024.0, double(hwmKb) / 1024.0, cpuPercent);
 

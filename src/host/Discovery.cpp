@@ -172,9 +172,18 @@ QVariantHash Discovery::stats() const
     return m_stats;
 }
 
+void Discovery::setAnnouncing(bool announcing)
+{
+    if (announcing == m_announcing)
+        return;
+    m_announcing = announcing;
+    if (m_announcing && m_started)
+        announce();
+}
+
 void Discovery::announce()
 {
-    if (m_own.id().isEmpty() || m_socket.state() != QAbstractSocket::BoundState)
+    if (!m_announcing || m_own.id().isEmpty() || m_socket.state() != QAbstractSocket::BoundState)
         return;
     const QByteArray data = TarvValue().setSystemMember(m_own).toJson(false);
     if (data.size() > MaxAnnouncementBytes) {

@@ -49,6 +49,10 @@ public:
     void stop();
 
     void setOwnRecord(const TarvSystemMember& record);
+    // While off, nothing is announced (the device still listens and keeps
+    // its own row); turning it on announces at once. On by default.
+    void setAnnouncing(bool announcing);
+    bool isAnnouncing() const { return m_announcing; }
     // Dropped announcements: {"malformed", "oversized", "noId", "dropped"}.
     // Changes only when one is dropped, so that publishing it costs nothing
     // while the LAN is healthy.
@@ -79,6 +83,7 @@ private:
     QTimer m_expiryTimer;
     QElapsedTimer m_clock;
     TarvSystemMember m_own;
+    bool m_announcing = true;
     // When each other device was last heard, on m_clock.
     QHash<QString, qint64> m_lastSeen;
     QVariantHash m_stats;

@@ -1,7 +1,10 @@
 #include "HostDaemon.h"
 
+#include <QEventLoop>
 #include <QHostInfo>
+#include <QTimer>
 
+#include "AnnouncementGate.h"
 #include "CMRootWorker.h"
 #include "ControlApi.h"
 #include "Discovery.h"
@@ -58,6 +61,8 @@ bool HostDaemon::start(QString* error)
         if (!m_modules.load(module, m_config.moduleSettings(), CMRoot(), error))
             return false;
     }
+    if (!m_config.modules().isEmpty())
+        runModuleStartUp();
 
     Discovery::Options discoveryOptions;
     discoveryOptions.group = m_config.discoveryGroup();
@@ -69,8 +74,15 @@ bool HostDaemon::start(QString* error)
     tarvConnect(m_discovery, &Discovery::statsChanged, m_worker, &HostWorker::setDiscoveryStats);
     m_discovery->setOwnRecord(m_worker->record());
     m_worker->setDiscoveryStats(m_discovery->stats());
+    AnnouncementGate::Options gateOptions;
+    gateOptions.modulesLoaded = !m_config.modules().isEmpty();
+    m_announcementGate = new AnnouncementGate(gateOptions, this);
+    tarvConnect(m_announcementGate, &AnnouncementGate::opened, m_discovery,
+                [this] { m_discovery->setAnnouncing(true); });
+    m_discovery->setAnnouncing(false);
     QString discoveryError;
     m_discovery->start(&discoveryError);
+    m_announcementGate->start();
 
     ControlApi::Options apiOptions;
     apiOptions.address = m_config.apiAddress();
@@ -83,6 +95,21 @@ bool HostDaemon::start(QString* error)
     if (!m_api->start(error))
         return false;
     return true;
+}
+
+void HostDaemon::runModuleStartUp()
+{
+    // A module wires itself through its own timers after it is created (the
+    // grouping module after 100 ms). Datagrams and requests handled before
+    // that are lost to it: a receiver's first "add" would reach a request
+    // object not yet connected to its controller, and its later ones only
+    // refresh a deadline, so it would never be listed. Until the modules
+    // have started, only timers and posted events run; sockets wait. (Qt's
+    // GLib dispatcher serves sockets regardless; main() selects Qt's own.)
+    QEventLoop startUp;
+    QTimer::singleShot(ModuleStartUpMs, Qt::PreciseTimer, &startUp, &QEventLoop::quit);
+    startUp.exec(QEventLoop::ExcludeSocketNotifiers);
+    LOG4CPLUS_DEBUG(logger(), "Modules started (" << ModuleStartUpMs << " ms)");
 }
 
 void HostDaemon::stop()

@@ -7,17 +7,24 @@
 #include "HostSettingsStore.h"
 #include "ModuleLoader.h"
 
+class AnnouncementGate;
 class ControlApi;
 class Discovery;
 class HostWorker;
 
 // One device's host: data directory, own values and settings, modules,
-// discovery and control API, started in that order.
+// discovery and control API, started in that order. The modules get
+// ModuleStartUpMs to start before any socket is served, and discovery
+// announces this device only once a module has set its state
+// (AnnouncementGate).
 class HostDaemon : public QObject
 {
     Q_OBJECT
 
 public:
+    // Twice the grouping module's wiring delay (100 ms).
+    static constexpr int ModuleStartUpMs = 200;
+
     explicit HostDaemon(const HostConfig& config, QObject* parent = nullptr);
     ~HostDaemon() override;
 
@@ -35,10 +42,14 @@ public:
     HostWorker* worker() const { return m_worker; }
 
 private:
+    // Runs the event loop for ModuleStartUpMs without serving sockets.
+    void runModuleStartUp();
+
     HostConfig m_config;
     HostSettingsStore m_store;
     ModuleLoader m_modules;
     HostWorker* m_worker = nullptr;
     Discovery* m_discovery = nullptr;
+    AnnouncementGate* m_announcementGate = nullptr;
     ControlApi* m_api = nullptr;
 };

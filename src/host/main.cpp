@@ -22,6 +22,9 @@ log4cplus::Logger logger()
 
 int main(int argc, char** argv)
 {
+    // Qt's own event dispatcher, not GLib's: only it leaves sockets alone
+    // while the modules start (HostDaemon::runModuleStartUp).
+    qputenv("QT_NO_GLIB", "1");
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("tarv-host"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TARV_HOST_VERSION));

@@ -65,6 +65,9 @@ QString CtlArguments::usage()
         "  invoke PATH [VALUE]           invoke the action at PATH with VALUE (JSON, default {})\n"
         "  join ID [--name N] [--host H] ask this device to join transcoder ID (invokes /grouping/request)\n"
         "  leave                         ask this device to leave its group (invokes /grouping/request)\n"
+        "  save NAME [DEVICE...]         save the group NAME of this device and DEVICEs (ids or names from\n"
+        "                                /system/members); no DEVICE clears the saved group\n"
+        "  group                         the saved group (members, time) and whom this device follows\n"
         "  rows PATH                     the rows of the list at PATH\n"
         "  tree                          every node with its kind, title and rows, and the value paths\n"
         "  watch [PREFIX]                print value and rows events (of paths under PREFIX), one per line,\n"
@@ -77,9 +80,9 @@ QString CtlArguments::usage()
         "Options:\n"
         "  --api URL          the host's control API (default: $TARV_API, else http://127.0.0.1:8080)\n"
         "  --json             print the API's JSON instead of readable text (watch: one object per line)\n"
-        "  --timeout-ms N     invoke, join, leave, ui join, ui leave: the host's bound for the reply\n"
-        "                     (default 5000); watch, ui --watch: stop after N ms; other commands: how\n"
-        "                     long to wait for the answer (default 10000)\n"
+        "  --timeout-ms N     invoke, join, leave, save, ui join, ui leave: the host's bound for the\n"
+        "                     reply (default 5000); watch, ui --watch: stop after N ms; other commands:\n"
+        "                     how long to wait for the answer (default 10000)\n"
         "  --count N          watch: stop after N events; ui --watch: after N lists\n"
         "  --verbose          log each request and answer on stderr\n"
         "  -h, --help         show this help\n"
@@ -99,7 +102,8 @@ QString CtlArguments::usage()
         "  tarvctl get /system/member\n"
         "  tarvctl rows /grouping/members\n"
         "  tarvctl ui join kitchen\n"
-        "  tarvctl invoke /grouping/request '{\"command\": -1}'\n"
+        "  tarvctl invoke /grouping/request '{\"groupingRequest\": {\"command\": -1}}'\n"
+        "  tarvctl save Home kitchen 3f2c...\n"
         "  tarvctl --api http://10.0.0.7:8080 watch /grouping --count 1 --timeout-ms 3000\n");
 }
 
@@ -214,6 +218,9 @@ bool CtlArguments::checkCommand()
         {QStringLiteral("invoke"), 1, 2, QStringLiteral("invoke PATH [VALUE]")},
         {QStringLiteral("join"), 1, 1, QStringLiteral("join ID [--name N] [--host H]")},
         {QStringLiteral("leave"), 0, 0, QStringLiteral("leave")},
+        // A saved group has at most 64 members.
+        {QStringLiteral("save"), 1, 65, QStringLiteral("save NAME [DEVICE...]")},
+        {QStringLiteral("group"), 0, 0, QStringLiteral("group")},
         {QStringLiteral("rows"), 1, 1, QStringLiteral("rows PATH")},
         {QStringLiteral("tree"), 0, 0, QStringLiteral("tree")},
         {QStringLiteral("watch"), 0, 1, QStringLiteral("watch [PREFIX]")},

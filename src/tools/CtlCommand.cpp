@@ -1,5 +1,6 @@
 #include "CtlCommand.h"
 
+#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -122,7 +123,8 @@ CtlExitCode::Enum CtlCommand::execute()
     LOG4CPLUS_DEBUG(logger(), "Running " << command << " against " << m_client.api());
     const bool isUi = command == QLatin1String("ui");
     const bool invokes = command == QLatin1String("invoke") || command == QLatin1String("join")
-        || command == QLatin1String("leave") || (isUi && !m_arguments.arguments().isEmpty());
+        || command == QLatin1String("leave") || command == QLatin1String("save")
+        || (isUi && !m_arguments.arguments().isEmpty());
     const bool watches = command == QLatin1String("watch") || (isUi && m_arguments.hasOption(QStringLiteral("watch")));
     if (m_arguments.timeoutMs() > 0 && !invokes && !watches)
         m_client.setTimeoutMs(m_arguments.timeoutMs());
@@ -143,6 +145,10 @@ CtlExitCode::Enum CtlCommand::execute()
         return runJoin();
     if (command == QLatin1String("leave"))
         return runLeave();
+    if (command == QLatin1String("save"))
+        return runSave();
+    if (command == QLatin1String("group"))
+        return runGroup();
     if (command == QLatin1String("rows"))
         return finish(m_client.rows(path), &CtlFormatter::rows);
     if (command == QLatin1String("tree"))
@@ -206,23 +212,20 @@ CtlExitCode::Enum CtlCommand::runJoin()
     if (!named || !hosted) {
         // The transcoder's name and host name come from the device list,
         // as the module's own join action takes them.
-        const CtlReply members = m_client.rows(TarvSystemMembersPath().toString());
-        if (!members.isOk())
-            return fail(members);
+        QList<TarvSystemMember> members;
+        const CtlReply read = readSystemMembers(&members);
+        if (!read.isOk())
+            return fail(read);
         TarvSystemMember known;
-        const QJsonArray rows = members.body().value(QStringLiteral("rows")).toArray();
-        for (const QJsonValue& row : rows) {
-            const QJsonObject object = row.toObject();
-            if (object.value(QStringLiteral("id")).toString() == id) {
-                known = TarvValue(TarvJson::toVariant(object.value(QStringLiteral("value"))).toHash()).systemMember();
+        for (const TarvSystemMember& member : qAsConst(members)) {
+            if (member.id() == id) {
+                known = member;
                 break;
             }
         }
         if (known.isEmpty() && !hosted) {
-            m_err << "tarvctl: join: no device with id '" << id << "' in " << TarvSystemMembersPath().toString()
-                  << "; give --name and --host to join it anyway\n";
-            m_err.flush();
-            return CtlExitCode::ApiError;
+            return apiError(QStringLiteral("join: no device with id '%1' in %2; give --name and --host to join it anyway")
+                                .arg(id, TarvSystemMembersPath().toString()));
         }
         master.setName(known.name()).setHost(known.host());
     }
@@ -240,6 +243,148 @@ CtlExitCode::Enum CtlCommand::runLeave()
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Leave);
     return invokeGrouping(request);
+}
+
+CtlReply CtlCommand::readSystemMembers(QList<TarvSystemMember>* members)
+{
+    const CtlReply reply = m_client.rows(TarvSystemMembersPath().toString());
+    if (reply.isOk()) {
+        const QJsonArray rows = reply.body().value(QStringLiteral("rows")).toArray();
+        for (const QJsonValue& row : rows) {
+            const QJsonValue value = row.toObject().value(QStringLiteral("value"));
+            members->append(TarvValue(TarvJson::toVariant(value).toHash()).systemMember());
+        }
+    }
+    return reply;
+}
+
+CtlExitCode::Enum CtlCommand::apiError(const QString& message)
+{
+    m_err << "tarvctl: " << CtlFormatter::printable(message) << '\n';
+    m_err.flush();
+    return CtlExitCode::ApiError;
+}
+
+CtlExitCode::Enum CtlCommand::runSave()
+{
+    const QStringList arguments = m_arguments.arguments();
+    TarvList<QString> ids;
+    if (arguments.size() > 1) {
+        QList<TarvSystemMember> members;
+        const CtlReply read = readSystemMembers(&members);
+        if (!read.isOk())
+            return fail(read);
+        for (const QString& device : arguments.mid(1)) {
+            // An id names one device; a name may be shared, and then it
+            // names none.
+            QStringList matches;
+            for (const TarvSystemMember& member : qAsConst(members)) {
+                if (member.id() == device) {
+                    matches = QStringList{member.id()};
+                    break;
+                }
+                if (member.name() == device)
+                    matches.append(member.id());
+            }
+            if (matches.isEmpty()) {
+                return apiError(QStringLiteral("save: no device with id or name '%1' in %2")
+                                    .arg(device, TarvSystemMembersPath().toString()));
+            }
+            if (matches.size() > 1) {
+                return apiError(QStringLiteral("save: %1 devices are named '%2' (%3); give the id")
+                                    .arg(matches.size())
+                                    .arg(device, matches.join(QStringLiteral(", "))));
+            }
+            ids.append(matches.first());
+        }
+    }
+    TarvGroupingPersistentGroup group;
+    group.setName(arguments.at(0)).setMembers(ids);
+    const QJsonObject value = toJsonObject(TarvValue().setGroupingPersistentGroup(group));
+    return finish(m_client.invoke(TarvGroupingPersistentGroupSavePath().toString(), value, m_arguments.timeoutMs()),
+                  [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
+}
+
+CtlExitCode::Enum CtlCommand::runGroup()
+{
+    const CtlReply saved = m_client.value(TarvGroupingPersistentGroupSettingsPath().toString());
+    if (!saved.isOk())
+        return fail(saved);
+    const CtlReply self = m_client.value(TarvSystemMemberIdPath().toString());
+    if (!self.isOk())
+        return fail(self);
+    const CtlReply grouping = m_client.rows(TarvGroupingMembersPath().toString());
+    if (!grouping.isOk())
+        return fail(grouping);
+    QList<TarvSystemMember> members;
+    const CtlReply read = readSystemMembers(&members);
+    if (!read.isOk())
+        return fail(read);
+
+    const auto valueOf = [](const CtlReply& reply) {
+        return TarvValue(TarvJson::toVariant(reply.body().value(QStringLiteral("value"))).toHash());
+    };
+    const TarvGroupingPersistentGroup group = valueOf(saved).groupingPersistentGroup();
+    const QString selfId = valueOf(self).string_();
+    TarvSystemMember master;
+    bool known = false;
+    for (const QJsonValue& row : grouping.body().value(QStringLiteral("rows")).toArray()) {
+        if (row.toObject().value(QStringLiteral("id")).toString() == selfId) {
+            const QJsonValue value = row.toObject().value(QStringLiteral("value"));
+            master = TarvValue(TarvJson::toVariant(value).toHash()).groupingMember().master();
+            known = true;
+        }
+    }
+    const auto nameOf = [&members](const QString& id) {
+        for (const TarvSystemMember& member : members) {
+            if (member.id() == id)
+                return member.name();
+        }
+        return QString();
+    };
+
+    if (m_arguments.json()) {
+        QJsonArray named;
+        for (const QString& id : group.members())
+            named.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), nameOf(id)}});
+        QJsonObject answer{{QStringLiteral("self"), selfId},
+                           {QStringLiteral("savedGroup"), toJsonObject(group)},
+                           {QStringLiteral("members"), named}};
+        if (known) {
+            answer.insert(QStringLiteral("master"), QJsonObject{{QStringLiteral("id"), master.id()},
+                                                                {QStringLiteral("name"), nameOf(master.id())}});
+        }
+        m_out << CtlJson::toText(answer, true) << '\n';
+        m_out.flush();
+        return CtlExitCode::Ok;
+    }
+
+    QString text;
+    const QString time = group.timestamp() > 0
+        ? QDateTime::fromMSecsSinceEpoch(group.timestamp(), Qt::UTC).toString(Qt::ISODateWithMs)
+        : QString();
+    if (group.members().isEmpty()) {
+        text += time.isEmpty() ? QStringLiteral("saved group: none\n")
+                               : QStringLiteral("saved group: none (cleared %1)\n").arg(time);
+    } else {
+        text += QStringLiteral("saved group: %1, saved %2\n").arg(group.name(), time);
+        for (const QString& id : group.members()) {
+            const QString name = nameOf(id);
+            text += QStringLiteral("  %1  %2%3\n")
+                        .arg(id, name.isEmpty() ? QStringLiteral("(not online)") : name,
+                             id == selfId ? QStringLiteral(" (this device)") : QString());
+        }
+    }
+    if (!known)
+        text += QStringLiteral("follows: unknown (no own row in %1)").arg(TarvGroupingMembersPath().toString());
+    else if (master.id() == selfId)
+        text += QStringLiteral("follows: nobody, this device is its own master");
+    else
+        text += QStringLiteral("follows: %1 (%2)").arg(nameOf(master.id()).isEmpty() ? master.name() : nameOf(master.id()),
+                                                    master.id());
+    m_out << CtlFormatter::printable(text) << '\n';
+    m_out.flush();
+    return CtlExitCode::Ok;
 }
 
 CtlExitCode::Enum CtlCommand::runWatch()

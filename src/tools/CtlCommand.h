@@ -11,6 +11,7 @@
 #include "CtlClient.h"
 #include "CtlExitCode.h"
 #include "TarvGroupingRequest.h"
+#include "TarvSystemMember.h"
 
 // One run of tarvctl: parses the command line, talks to the host, prints
 // the answer (readable or JSON) on `out` and what went wrong on `err`, and
@@ -41,6 +42,17 @@ private:
     CtlExitCode::Enum runInvoke();
     CtlExitCode::Enum runJoin();
     CtlExitCode::Enum runLeave();
+    // Saves a group on the device: NAME, then devices by id or by name
+    // (from /system/members); no device clears the saved group.
+    CtlExitCode::Enum runSave();
+    // The saved group with its members' names and time, and whom this
+    // device follows.
+    CtlExitCode::Enum runGroup();
+    // The devices of /system/members in list order; the reply says whether
+    // they could be read.
+    CtlReply readSystemMembers(QList<TarvSystemMember>* members);
+    // Prints a failure that is not the host's ("tarvctl: MESSAGE"), exit 1.
+    CtlExitCode::Enum apiError(const QString& message);
     CtlExitCode::Enum runWatch();
     // How a watch that saw `seen` events (or lists) of --count ends.
     CtlExitCode::Enum endWatch(const CtlReply& reply, int seen, const QString& what);

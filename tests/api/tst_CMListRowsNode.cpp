@@ -205,6 +205,33 @@ private Q_SLOTS:
         QCOMPARE(log.entries.size(), 3);
     }
 
+    // Each change is announced by rowChanging, with the same rows and the
+    // list already holding it, right before rowChanged reports it.
+    void rowChangingAnnouncesEachChangeJustBeforeRowChanged()
+    {
+        CMNodes nodes;
+        CMListRowsNode* list = CMListRowsNode::create(&nodes, CMPath("/l/phases"));
+        list->rowsAppend(row("a"));
+        QStringList seen;
+        QObject context;
+        tarvConnect(list, &CMListRowsNode::rowChanging, &context, [&](const TarvRoles& newRow, const TarvRoles& oldRow) {
+            seen << QStringLiteral("changing %1|%2 size=%3")
+                           .arg(newRow.isEmpty() ? QStringLiteral("-") : newRow.id(),
+                                oldRow.isEmpty() ? QStringLiteral("-") : oldRow.id())
+                           .arg(list->rowsSize());
+        });
+        RowLog log(list);
+        tarvConnect(list, &CMListRowsNode::rowChanged, &context,
+                    [&](const TarvRoles&, const TarvRoles&) { seen << log.entries.last(); });
+        list->rowsAppend(row("b"));
+        list->rowsSetById(row("a", "renamed"));
+        list->rowsSetById(row("a", "renamed"));
+        list->rowsRemoveById("b");
+        list->rowsClear();
+        QCOMPARE(seen, QStringList({"changing b|- size=2", "b|- size=2", "changing a|a size=2", "a|a size=2",
+                                       "changing -|b size=1", "-|b size=1", "changing -|a size=0", "-|a size=0"}));
+    }
+
     void rowsAppendPathAddsARowPointingAtTheNode()
     {
         CMNodes nodes;

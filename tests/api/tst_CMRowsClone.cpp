@@ -220,6 +220,79 @@ private Q_SLOTS:
         QCOMPARE(first->rows(), second->rows());
         QCOMPARE(first->parent(), &owner);
     }
+
+    // A slot reacting to one mirror's report finds the change in every other
+    // mirror of the list already, whichever mirror reports first.
+    void everyMirrorHoldsAChangeBeforeAnyReportsIt()
+    {
+        CMNodes nodes;
+        CMListRowsNode* list = CMListRowsNode::create(&nodes, CMPath("/c/phases"));
+        list->rowsAppend(row("a"));
+        list->rowsAppend(row("b"));
+        QObject owner;
+        auto* first = new CMRowsClone(&owner, CMPath("/c/phases"), -1);
+        auto* second = new CMRowsClone(&owner, CMPath("/c/phases"), -1);
+        QTRY_VERIFY_WITH_TIMEOUT(first->size() == 2 && second->size() == 2, 2000);
+        QStringList secondSeenByFirst;
+        QStringList firstSeenBySecond;
+        tarvConnect(first, &CMRowsClone::itemChanged, &owner,
+                    [&](const TarvRoles&, const TarvRoles&) { secondSeenByFirst << ids(*second).join(','); });
+        tarvConnect(second, &CMRowsClone::itemChanged, &owner,
+                    [&](const TarvRoles&, const TarvRoles&) { firstSeenBySecond << ids(*first).join(','); });
+
+        list->rowsRemoveById("a");
+        list->rowsAppend(row("c"));
+        list->rowsSetById(row("b", TarvRolesType::GroupingMember, "renamed"));
+        QCOMPARE(secondSeenByFirst, QStringList({"b", "b,c", "b,c"}));
+        QCOMPARE(firstSeenBySecond, QStringList({"b", "b,c", "b,c"}));
+        QCOMPARE(second->rowById("b").value().systemMember().name(), QStringLiteral("renamed"));
+    }
+
+    // A change made from inside a report is reported after the change being
+    // reported, by every mirror, each change once.
+    void aChangeMadeWhileReportingIsReportedInOrderByEveryMirror()
+    {
+        CMNodes nodes;
+        CMListRowsNode* list = CMListRowsNode::create(&nodes, CMPath("/c/nested"));
+        list->rowsAppend(row("s"));
+        QObject owner;
+        auto* first = new CMRowsClone(&owner, CMPath("/c/nested"), -1);
+        auto* second = new CMRowsClone(&owner, CMPath("/c/nested"), -1);
+        QTRY_VERIFY_WITH_TIMEOUT(first->size() == 1 && second->size() == 1, 2000);
+        CloneLog firstLog(first);
+        CloneLog secondLog(second);
+        tarvConnect(first, &CMRowsClone::itemChanged, &owner, [&](const TarvRoles& newRoles, const TarvRoles&) {
+            if (newRoles.id() == QLatin1String("a"))
+                list->rowsAppend(row("b"));
+        });
+
+        list->rowsAppend(row("a"));
+        QCOMPARE(firstLog.entries, QStringList({"item a|- size=2", "item b|- size=3"}));
+        // The second mirror took in b while the first reported a.
+        QCOMPARE(secondLog.entries, QStringList({"item a|- size=3", "item b|- size=3"}));
+        // Nothing is left to report.
+        list->rowsRemoveById("a");
+        QCOMPARE(secondLog.entries.last(), QStringLiteral("item -|a size=2"));
+        QCOMPARE(secondLog.entries.size(), 3);
+    }
+
+    // A change that is nothing to a mirror (filtered out) reports nothing
+    // and does not shift the reports of later changes.
+    void aFilteredChangeKeepsLaterReportsInStep()
+    {
+        CMNodes nodes;
+        CMListRowsNode* list = CMListRowsNode::create(&nodes, CMPath("/c/filtered"));
+        list->rowsAppend(row("s"));
+        QObject owner;
+        auto* members = new CMRowsClone(&owner, CMPath("/c/filtered"), TarvRolesType::GroupingMember);
+        QTRY_COMPARE_WITH_TIMEOUT(members->size(), 1, 2000);
+        CloneLog log(members);
+        list->rowsAppend(row("p", TarvRolesType::Path));
+        list->rowsAppend(row("m"));
+        list->rowsRemoveById("p");
+        list->rowsRemoveById("m");
+        QCOMPARE(log.entries, QStringList({"item m|- size=2", "item -|m size=1"}));
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_CMRowsClone)

@@ -134,6 +134,37 @@ private Q_SLOTS:
         QCOMPARE(aRows.count(), 1);
     }
 
+    // Held back, a device is heard by nobody (and still lists itself and
+    // hears the others); released, it is announced at once.
+    void aDeviceHeldBackIsAnnouncedTheMomentItIsReleased()
+    {
+        Peer a(QStringLiteral("a"), options(3000));
+        Peer b(QStringLiteral("b"), options(3000));
+        a.discovery->setAnnouncing(false);
+        QVERIFY(!a.discovery->isAnnouncing());
+        QVERIFY(a.start());
+        QVERIFY(b.start());
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 1000);
+        // a heard b's announcement; a's own start announced nothing. Both
+        // were sent before b's next one, so b hearing itself again shows
+        // that anything a had sent would have arrived.
+        const qint64 heard = b.discovery->receivedCount();
+        b.discovery->setOwnRecord(TarvSystemMember(b.record).setName(QStringLiteral("b again")));
+        QTRY_VERIFY_WITH_TIMEOUT(b.discovery->receivedCount() > heard, 1000);
+        QCOMPARE(b.members->rowsSize(), 1);
+        // A change of the own record is not announced either.
+        a.discovery->setOwnRecord(TarvSystemMember(a.record).setName(QStringLiteral("a again")));
+        const qint64 heardAgain = b.discovery->receivedCount();
+        b.discovery->setOwnRecord(TarvSystemMember(b.record).setName(QStringLiteral("b third")));
+        QTRY_VERIFY_WITH_TIMEOUT(b.discovery->receivedCount() > heardAgain, 1000);
+        QCOMPARE(b.members->rowsSize(), 1);
+        QCOMPARE(a.members->rowsSize(), 2);
+
+        a.discovery->setAnnouncing(true);
+        QTRY_COMPARE_WITH_TIMEOUT(b.members->rowsSize(), 2, 1000);
+        QCOMPARE(b.memberOf(QStringLiteral("a")).name(), QStringLiteral("a again"));
+    }
+
     void aChangedRecordIsAnnouncedAtOnce()
     {
         // A period far longer than the wait below: only the immediate

@@ -6,9 +6,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkInterface>
 #include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
+#include <QUdpSocket>
 #include <QUrl>
 #include <QtTest>
 
@@ -235,6 +237,70 @@ private Q_SLOTS:
         QVERIFY2(b->stop(), qPrintable(b->output()));
         QTRY_COMPARE_WITH_TIMEOUT(names(*a), QStringList({"A"}), 5000);
         QVERIFY2(a->stop(), qPrintable(a->output()));
+    }
+
+    // A device with the grouping module is heard only once its module can
+    // take receivers: its very first announcement already says transcoder.
+    void aHostWithTheGroupingModuleIsFirstAnnouncedAsATranscoder()
+    {
+        const int discoveryPort = HostProcess::freeUdpPort();
+        QUdpSocket listener;
+        QVERIFY(listener.bind(QHostAddress(QHostAddress::AnyIPv4), static_cast<quint16>(discoveryPort),
+                              QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint));
+        QNetworkInterface loopback;
+        for (const QNetworkInterface& iface : QNetworkInterface::allInterfaces()) {
+            if (iface.flags() & QNetworkInterface::IsLoopBack)
+                loopback = iface;
+        }
+        QVERIFY(listener.joinMulticastGroup(QHostAddress(QStringLiteral("239.255.77.77")), loopback));
+
+        const auto host = makeHost(QStringLiteral("m"), QStringLiteral(TARV_TEST_GROUPING_MODULE));
+        host->setDiscoveryPort(discoveryPort);
+        QString error;
+        QVERIFY2(host->start({"--discovery-ms", "1000"}, &error), qPrintable(error));
+        QTRY_VERIFY_WITH_TIMEOUT(listener.hasPendingDatagrams(), 5000);
+        QByteArray datagram(static_cast<int>(listener.pendingDatagramSize()), '\0');
+        listener.readDatagram(datagram.data(), datagram.size());
+        const QJsonObject member = QJsonDocument::fromJson(datagram).object().value("systemMember").toObject();
+        QCOMPARE(member.value("id").toString(), host->id());
+        QCOMPARE(member.value("transcoder").toBool(), true);
+        QVERIFY2(host->output().contains("/system/deviceState is set; announcing this device"),
+                 qPrintable(host->output()));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+    }
+
+    // A receiver that keeps announcing itself to a master that restarts is
+    // listed again: its datagrams wait until the module has wired itself.
+    // Here they arrive from before the host starts, so without that wait
+    // the first would reach the module unwired and be lost for good.
+    void aReceiverAnnouncingThroughARestartIsListed()
+    {
+        const int requestPort = HostProcess::freeUdpPort();
+        const QByteArray add = "add" + QByteArray(R"({"id":"far-receiver","name":"far","host":"127.0.0.1",)"
+                                                   R"("ipAddress":"127.0.0.1","transcoder":false})");
+        QProcess receiver;
+        receiver.start(QStringLiteral("bash"),
+                       {QStringLiteral("-c"), QStringLiteral("while :; do printf '%s' '%1' > /dev/udp/127.0.0.1/%2; "
+                                                             "sleep 0.02; done")
+                                                  .arg(QString::fromUtf8(add))
+                                                  .arg(requestPort)});
+        QVERIFY(receiver.waitForStarted(2000));
+        const auto host = makeHost(QStringLiteral("r"), QStringLiteral(TARV_TEST_GROUPING_MODULE));
+        host->setRequestPort(requestPort);
+        QString error;
+        const bool started = host->start({"--discovery-ms", "100"}, &error);
+        const auto rowIds = [&host] {
+            QStringList ids;
+            for (const QJsonValue& row : get(*host, "/api/v1/rows?path=/grouping/members").value("rows").toArray())
+                ids << row.toObject().value("id").toString();
+            return ids;
+        };
+        if (started)
+            QTRY_VERIFY_WITH_TIMEOUT(rowIds().contains("far-receiver"), 3000);
+        receiver.kill();
+        receiver.waitForFinished(2000);
+        QVERIFY2(started, qPrintable(error));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 };
 

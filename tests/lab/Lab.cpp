@@ -91,6 +91,12 @@ int Lab::run(const QStringList& args, QString* output, int timeoutMs) const
     return process.exitCode();
 }
 
+QStringList Lab::timeOptions(int resendMs, int timeoutMs, int discoveryMs)
+{
+    return {QStringLiteral("--resend-ms"), QString::number(resendMs), QStringLiteral("--timeout-ms"),
+            QString::number(timeoutMs), QStringLiteral("--discovery-ms"), QString::number(discoveryMs)};
+}
+
 bool Lab::up(int devices, const QStringList& options)
 {
     // A lab of this name left over by a killed run is taken down first.

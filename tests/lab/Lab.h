@@ -27,6 +27,8 @@ public:
     // Extra variables for every later command (e.g. LAB_HOST_BIN, LAB_OWNER_PID).
     void setVariable(const QString& name, const QString& value);
 
+    // The options of `up` for the hosts' time settings.
+    static QStringList timeOptions(int resendMs, int timeoutMs, int discoveryMs);
     // `scripts/lab up N options...`; true when every device sees every other.
     bool up(int devices, const QStringList& options);
     // Runs `scripts/lab args...`; returns its exit code (-1 when it did not

@@ -1,7 +1,9 @@
 #include "LabApi.h"
 
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QJsonDocument>
+#include <QTest>
 #include <QTcpSocket>
 #include <QTimer>
 #include <QUrlQuery>
@@ -211,4 +213,48 @@ LabApi::Reply LabApi::leave()
 {
     return invoke(QStringLiteral("/grouping/request"),
                   QJsonObject{{QStringLiteral("groupingRequest"), QJsonObject{{QStringLiteral("command"), -1}}}});
+}
+
+LabApi::Reply LabApi::save(const QString& name, const QStringList& members, int timeoutMs)
+{
+    const QJsonObject group{{QStringLiteral("name"), name},
+                            {QStringLiteral("members"), QJsonArray::fromStringList(members)}};
+    const QJsonObject body{{QStringLiteral("groupingPersistentGroup"), group}};
+    return post(QStringLiteral("invoke"), QStringLiteral("/grouping/persistentGroup/save"),
+                QJsonDocument(body).toJson(QJsonDocument::Compact), timeoutMs);
+}
+
+QJsonObject LabApi::savedGroup()
+{
+    return value(QStringLiteral("/settings/grouping/persistentGroup"))
+        .toObject()
+        .value(QStringLiteral("groupingPersistentGroup"))
+        .toObject();
+}
+
+LabApi::Reply LabApi::setPlayerState(int state)
+{
+    return setValue(QStringLiteral("/player/data"), QJsonObject{{QStringLiteral("state"), state}});
+}
+
+bool LabApi::waitAlone(const QString& ownId, int timeoutMs)
+{
+    QElapsedTimer clock;
+    clock.start();
+    do {
+        const QJsonArray members = rows(QStringLiteral("/grouping/members"));
+        if (deviceState() == 2 && members.size() == 1
+            && members.at(0).toObject().value(QStringLiteral("id")).toString() == ownId
+            && ownMasterId(ownId) == ownId)
+            return true;
+        QTest::qWait(50);
+    } while (clock.elapsed() < timeoutMs);
+    return false;
+}
+
+QString LabApi::groupingSummary()
+{
+    return QStringLiteral("state %1, members %2")
+        .arg(deviceState())
+        .arg(QString::fromUtf8(QJsonDocument(rows(QStringLiteral("/grouping/members"))).toJson(QJsonDocument::Compact)));
 }

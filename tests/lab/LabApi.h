@@ -43,6 +43,16 @@ public:
     QString ownMasterId(const QString& ownId);                // master named in the own row
     Reply join(const QString& masterId, const QString& masterName, const QString& masterHost);
     Reply leave();
+    // Asks the device to save a group of these member ids under `name`.
+    Reply save(const QString& name, const QStringList& members, int timeoutMs = 6000);
+    // The saved group's record ({"name", "members", "timestamp"}).
+    QJsonObject savedGroup();
+    Reply setPlayerState(int state);
+    // Waits (bounded) until the device is a lone transcoder: state 2, its
+    // own master, no follower.
+    bool waitAlone(const QString& ownId, int timeoutMs);
+    // "state N, members [...]", for failure messages.
+    QString groupingSummary();
 
     const QString& baseUrl() const { return m_base; }
 

@@ -88,3 +88,12 @@ bool LabLog::waitForCount(const QString& level, const QString& logger, const QSt
         QThread::msleep(5);
     }
 }
+
+void LabLog::warnTail(const QString& title, int lines)
+{
+    refresh();
+    qWarning("--- %s, last lines ---", qPrintable(title));
+    for (int i = qMax(0, m_entries.size() - lines); i < m_entries.size(); ++i)
+        qWarning("%s %s %s", qPrintable(m_entries.at(i).level), qPrintable(m_entries.at(i).logger),
+                 qPrintable(m_entries.at(i).message.left(300)));
+}

@@ -31,6 +31,10 @@ public:
     QList<Entry> find(const QString& level, const QString& logger, const QString& prefix, int from = 0) const;
     int count(const QString& level, const QString& logger, const QString& prefix, int from = 0) const;
 
+    // Reads what was appended and prints the last `lines` entries as
+    // warnings under a heading naming `title`, for a failed test's output.
+    void warnTail(const QString& title, int lines);
+
     // Waits (bounded) until at least `atLeast` such entries exist.
     bool waitForCount(const QString& level, const QString& logger, const QString& prefix, int atLeast,
                       int timeoutMs, int from = 0);

@@ -18,14 +18,9 @@
 #include "LabDevices.h"
 #include "LabEventStream.h"
 #include "LabLog.h"
+#include "LabRows.h"
 
 namespace {
-
-QStringList sorted(QStringList list)
-{
-    list.sort();
-    return list;
-}
 
 // Short time settings so that every scenario ends in seconds. The discovery
 // period is deliberately long next to the receiver time-out: a receiver cut
@@ -47,26 +42,6 @@ const QString kMembers = QStringLiteral("/grouping/members");
 qint64 nowMs()
 {
     return QDateTime::currentMSecsSinceEpoch();
-}
-
-QJsonObject groupingMember(const QJsonObject& row)
-{
-    return row.value(QStringLiteral("value")).toObject().value(QStringLiteral("groupingMember")).toObject();
-}
-
-QString masterIdOf(const QJsonObject& row)
-{
-    return groupingMember(row).value(QStringLiteral("master")).toObject().value(QStringLiteral("id")).toString();
-}
-
-QString followerIdOf(const QJsonObject& row)
-{
-    return groupingMember(row).value(QStringLiteral("follower")).toObject().value(QStringLiteral("id")).toString();
-}
-
-QString errorMessage(const LabApi::Reply& reply)
-{
-    return reply.json.toObject().value(QStringLiteral("error")).toObject().value(QStringLiteral("message")).toString();
 }
 
 } // namespace
@@ -141,16 +116,7 @@ void tst_LabGrouping::cleanupTestCase()
 
 bool tst_LabGrouping::waitAlone(int device, int timeoutMs)
 {
-    QElapsedTimer clock;
-    clock.start();
-    do {
-        const QJsonArray rows = api(device).rows(kMembers);
-        if (api(device).deviceState() == 2 && LabDevices::rowIds(rows) == QStringList{id(device)}
-            && masterIdOf(rows.at(0).toObject()) == id(device))
-            return true;
-        QTest::qWait(50);
-    } while (clock.elapsed() < timeoutMs);
-    return false;
+    return api(device).waitAlone(id(device), timeoutMs);
 }
 
 bool tst_LabGrouping::restoreBaseline(QString* why)
@@ -173,10 +139,7 @@ bool tst_LabGrouping::restoreBaseline(QString* why)
     // A follower that was killed or cut is dropped only at its time-out.
     for (int device = 1; device <= 3; ++device) {
         if (!waitAlone(device, kTimeoutMs + 2000)) {
-            *why = QStringLiteral("dev%1 is not a lone transcoder: state %2, members %3")
-                       .arg(device)
-                       .arg(api(device).deviceState())
-                       .arg(QString::fromUtf8(QJsonDocument(api(device).rows(kMembers)).toJson(QJsonDocument::Compact)));
+            *why = QStringLiteral("dev%1 is not a lone transcoder: %2").arg(device).arg(api(device).groupingSummary());
             return false;
         }
     }

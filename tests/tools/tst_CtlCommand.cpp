@@ -93,6 +93,11 @@ private Q_SLOTS:
     void uiLeaveActivatesTheLeaveAction();
     void uiWatchDrawsTheListAndRereadsItOnlyForItsOwnEvents();
     void uiWatchWithTooFewListsTimesOut();
+    void saveNamesDevicesByIdOrNameAndSendsTheSavedGroup();
+    void saveWithoutDevicesClearsAndAsksNothingElse();
+    void saveOfADeviceItCannotNameSendsNothing_data();
+    void saveOfADeviceItCannotNameSendsNothing();
+    void saveRefusedPrintsTheHostsError();
     void rowsPrintsATable();
     void treePrintsNodesAndValues();
     void watchPrintsEventsUnderThePrefixUpToTheCount();
@@ -415,6 +420,73 @@ void tst_CtlCommand::uiWatchWithTooFewListsTimesOut()
     result = run({"ui", "--watch", "--count", "1", "--json", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
+}
+
+void tst_CtlCommand::saveNamesDevicesByIdOrNameAndSendsTheSavedGroup()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, systemMembers);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"save", "Home", "dev2", "a", "--timeout-ms", "900"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("true\n"));
+    const QList<CannedServer::Received> received = server.received();
+    QCOMPARE(received.size(), 2);
+    QCOMPARE(received.at(0).params.value("path"), QString("/system/members"));
+    QCOMPARE(received.at(1).params.value("path"), QString("/grouping/persistentGroup/save"));
+    QCOMPARE(received.at(1).params.value("timeout_ms"), QString("900"));
+    QCOMPARE(QJsonDocument::fromJson(received.at(1).body).object(),
+             QJsonDocument::fromJson(R"({"groupingPersistentGroup":{"name":"Home","members":["b","a"]}})").object());
+}
+
+void tst_CtlCommand::saveWithoutDevicesClearsAndAsksNothingElse()
+{
+    CannedServer server;
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"save", ""}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(server.received().size(), 1);
+    QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
+             QJsonDocument::fromJson(R"({"groupingPersistentGroup":{"name":"","members":[]}})").object());
+}
+
+void tst_CtlCommand::saveOfADeviceItCannotNameSendsNothing_data()
+{
+    QTest::addColumn<QByteArray>("members");
+    QTest::addColumn<QString>("device");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("unknown") << systemMembers << "kitchen"
+                             << "tarvctl: save: no device with id or name 'kitchen' in /system/members\n";
+    const QByteArray twins = R"({"path":"/system/members","title":"SystemMembers","rows":[
+        {"id":"a","type":0,"title":"twin","value":{"systemMember":{"id":"a","name":"twin"}}},
+        {"id":"b","type":0,"title":"twin","value":{"systemMember":{"id":"b","name":"twin"}}}]})";
+    QTest::newRow("a shared name") << twins << "twin"
+                                   << "tarvctl: save: 2 devices are named 'twin' (a, b); give the id\n";
+}
+
+void tst_CtlCommand::saveOfADeviceItCannotNameSendsNothing()
+{
+    QFETCH(QByteArray, members);
+    QFETCH(QString, device);
+    QFETCH(QString, error);
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, members);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"save", "Home", "a", device}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, error);
+    QCOMPARE(server.received().size(), 1); // the lookup only
+}
+
+void tst_CtlCommand::saveRefusedPrintsTheHostsError()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, systemMembers);
+    server.answer("POST", "/api/v1/invoke", 422,
+                  R"({"error":{"name":"Error","title":"Error","message":"Missing name in save request"}})");
+    const Run result = run({"save", "", "dev2"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Missing name in save request\n"));
 }
 
 void tst_CtlCommand::rowsPrintsATable()

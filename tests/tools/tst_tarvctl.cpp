@@ -99,6 +99,7 @@ private Q_SLOTS:
     void invokeLeaveAnswersTrue();
     void refusedInvokeExitsOneWithTheHandlersText_data();
     void refusedInvokeExitsOneWithTheHandlersText();
+    void saveAndGroupAgainstTheHost();
     void rowsShowsTheOwnMembership();
     void treeShowsTheModulesList();
     void watchSeesTheValueEventOfASet();
@@ -293,6 +294,50 @@ void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText()
     QCOMPARE(run.out, QString());
     QVERIFY2(run.err.startsWith("tarvctl: error (HTTP 4"), qPrintable(run.err));
     QVERIFY2(run.err.endsWith("): " + message + "\n"), qPrintable(run.err));
+}
+
+void tst_tarvctl::saveAndGroupAgainstTheHost()
+{
+    requireHost();
+    // Only this device, by its name: the saved group is cleared.
+    Run run = ctl({"save", "Solo", "dev1"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("true\n"));
+    run = ctl({"group"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QVERIFY2(run.out.startsWith("saved group: none (cleared "), qPrintable(run.out));
+    QVERIFY2(run.out.endsWith("follows: nobody, this device is its own master\n"), qPrintable(run.out));
+
+    // A group with another member, written as the setting a device keeps.
+    run = ctl({"set", "/settings/grouping/persistentGroup",
+               QStringLiteral(R"({"groupingPersistentGroup": {"name": "Home", "members": ["%1", "far-away"], "timestamp": 1700000000123}})")
+                   .arg(m_host->id())},
+              m_host->api());
+    CTL_EXPECT(run, 0);
+    run = ctl({"group"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QStringLiteral("saved group: Home, saved 2023-11-14T22:13:20.123Z\n"
+                                     "  %1  dev1 (this device)\n"
+                                     "  far-away  (not online)\n"
+                                     "follows: nobody, this device is its own master\n")
+                          .arg(m_host->id()));
+    run = ctl({"group", "--json"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    const QJsonObject answer = parseObject(run.out);
+    QCOMPARE(answer.value("self").toString(), m_host->id());
+    QCOMPARE(answer.value("savedGroup").toObject().value("name").toString(), QString("Home"));
+    QCOMPARE(answer.value("members").toArray().size(), 2);
+    QCOMPARE(answer.value("master").toObject().value("id").toString(), m_host->id());
+
+    // A device that is not online cannot be named; nothing is sent.
+    run = ctl({"save", "Nobody", "nobody-here"}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QCOMPARE(run.err, QString("tarvctl: save: no device with id or name 'nobody-here' in /system/members\n"));
+    // No device at all clears it.
+    run = ctl({"save", "Home"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    run = ctl({"group"}, m_host->api());
+    QVERIFY2(run.out.startsWith("saved group: none (cleared "), qPrintable(run.out));
 }
 
 void tst_tarvctl::rowsShowsTheOwnMembership()

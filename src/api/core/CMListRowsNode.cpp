@@ -38,14 +38,14 @@ void CMListRowsNode::rowsSetById(const TarvRoles& row)
     const int index = indexOf(row.id());
     if (index < 0) {
         m_rows.append(row);
-        Q_EMIT rowChanged(row, TarvRoles());
+        reportChange(row, TarvRoles());
         return;
     }
     const TarvRoles old = m_rows.at(index);
     if (old == row)
         return;
     m_rows[index] = row;
-    Q_EMIT rowChanged(row, old);
+    reportChange(row, old);
 }
 
 void CMListRowsNode::rowsRemoveById(const QString& id)
@@ -54,7 +54,7 @@ void CMListRowsNode::rowsRemoveById(const QString& id)
     if (index < 0)
         return;
     const TarvRoles old = m_rows.takeAt(index);
-    Q_EMIT rowChanged(TarvRoles(), old);
+    reportChange(TarvRoles(), old);
 }
 
 void CMListRowsNode::rowsAppend(const TarvRoles& row)
@@ -75,8 +75,14 @@ void CMListRowsNode::rowsClear()
 {
     while (!m_rows.isEmpty()) {
         const TarvRoles old = m_rows.takeFirst();
-        Q_EMIT rowChanged(TarvRoles(), old);
+        reportChange(TarvRoles(), old);
     }
+}
+
+void CMListRowsNode::reportChange(const TarvRoles& newRow, const TarvRoles& oldRow)
+{
+    Q_EMIT rowChanging(newRow, oldRow);
+    Q_EMIT rowChanged(newRow, oldRow);
 }
 
 void CMListRowsNode::setLoading(bool loading)

@@ -10,6 +10,10 @@
 // appending a row whose id is present replaces that row in place.
 // Every change is reported once by rowChanged(new, old), after the list
 // holds it: an empty `newRow` is a removal, an empty `oldRow` an addition.
+// Just before rowChanged, rowChanging(new, old) announces the same change,
+// so that every mirror of the list (CMRowsClone) can hold it before any of
+// them reports it: a reaction to one mirror's report that reads another
+// mirror never sees a row that is already gone.
 // Writing a row equal to the stored one is no change and reports nothing.
 // A list may say it is still loading (for instance a list gathered from the
 // network during its first round).
@@ -40,6 +44,7 @@ public:
     void setLoading(bool loading);
 
 Q_SIGNALS:
+    void rowChanging(const TarvRoles& newRow, const TarvRoles& oldRow);
     void rowChanged(const TarvRoles& newRow, const TarvRoles& oldRow);
     void loadingChanged(bool loading);
 
@@ -48,6 +53,7 @@ private:
     using CMUINode::CMUINode;
 
     int indexOf(const QString& id) const;
+    void reportChange(const TarvRoles& newRow, const TarvRoles& oldRow);
 
     QList<TarvRoles> m_rows;
     bool m_loading = false;

@@ -54,32 +54,50 @@ void CMRowsClone::attach(CMListRowsNode* node)
     if (m_node == node)
         return;
     m_node = node;
+    tarvConnect(node, &CMListRowsNode::rowChanging, this, &CMRowsClone::on_node_rowChanging);
     tarvConnect(node, &CMListRowsNode::rowChanged, this, &CMRowsClone::on_node_rowChanged);
     tarvConnect(node, &CMListRowsNode::loadingChanged, this, &CMRowsClone::on_node_loadingChanged);
-    for (const TarvRoles& row : node->rolesList())
-        on_node_rowChanged(row, TarvRoles());
+    for (const TarvRoles& row : node->rolesList()) {
+        on_node_rowChanging(row, TarvRoles());
+        on_node_rowChanged();
+    }
     if (!node->isLoading())
         setLoading(false);
 }
 
-void CMRowsClone::on_node_rowChanged(const TarvRoles& newRow, const TarvRoles& oldRow)
+void CMRowsClone::on_node_rowChanging(const TarvRoles& newRow, const TarvRoles& oldRow)
 {
     const TarvRoles added = accepts(newRow) ? newRow : TarvRoles();
     const QString id = added.isEmpty() ? oldRow.id() : added.id();
     const int index = indexOf(id);
     const TarvRoles previous = index < 0 ? TarvRoles() : m_rows.at(index);
+    bool changed = true;
     if (added.isEmpty()) {
         if (index < 0)
-            return;
-        m_rows.removeAt(index);
+            changed = false;
+        else
+            m_rows.removeAt(index);
     } else if (index < 0) {
         m_rows.append(added);
+    } else if (previous == added) {
+        changed = false;
     } else {
-        if (previous == added)
-            return;
         m_rows[index] = added;
     }
-    Q_EMIT itemChanged(added, previous);
+    m_unreported.append(changed ? qMakePair(added, previous) : qMakePair(TarvRoles(), TarvRoles()));
+}
+
+void CMRowsClone::on_node_rowChanged()
+{
+    // A slot may change the list while this mirror reports; the node then
+    // announces and reports the nested change inside this call, and the
+    // queue keeps every mirror's reports in the order of the changes.
+    if (m_unreported.isEmpty())
+        return;
+    const QPair<TarvRoles, TarvRoles> change = m_unreported.takeFirst();
+    if (change.first.isEmpty() && change.second.isEmpty())
+        return;
+    Q_EMIT itemChanged(change.first, change.second);
 }
 
 void CMRowsClone::on_node_loadingChanged(bool loading)
@@ -101,6 +119,7 @@ void CMRowsClone::on_root_nodeRemoved(const CMPath& path)
         return;
     m_node->disconnect(this);
     m_node.clear();
+    m_unreported.clear();
     while (!m_rows.isEmpty()) {
         const TarvRoles old = m_rows.takeLast();
         Q_EMIT itemChanged(TarvRoles(), old);

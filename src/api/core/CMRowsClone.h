@@ -2,6 +2,7 @@
 
 #include <QList>
 #include <QObject>
+#include <QPair>
 #include <QPointer>
 
 #include "CMPath.h"
@@ -15,7 +16,10 @@ class CMListRowsNode;
 // loadingChanged(true), every existing row as itemChanged(row, empty), and
 // loadingChanged(false) once the node has finished loading. A node that does
 // not exist yet is waited for. Afterwards every change is reported once,
-// after rows() holds it; an empty `newRoles` is a removal.
+// after rows() holds it; an empty `newRoles` is a removal. All mirrors of a
+// list on one thread take in a change before any of them reports it, so a
+// slot reacting to one mirror finds the change in the others too (their
+// rows() may then hold changes they have not reported yet).
 class CMRowsClone : public QObject
 {
     Q_OBJECT
@@ -39,7 +43,11 @@ private:
     void setLoading(bool loading);
     bool accepts(const TarvRoles& row) const;
     int indexOf(const QString& id) const;
-    void on_node_rowChanged(const TarvRoles& newRow, const TarvRoles& oldRow);
+    // Takes a change into rows() and keeps its report (or a blank one when
+    // the change is nothing to this mirror) for on_node_rowChanged.
+    void on_node_rowChanging(const TarvRoles& newRow, const TarvRoles& oldRow);
+    // Reports the oldest kept change.
+    void on_node_rowChanged();
     void on_node_loadingChanged(bool loading);
     void on_root_nodeAdded(const CMPath& path);
     void on_root_nodeRemoved(const CMPath& path);
@@ -48,5 +56,8 @@ private:
     int m_typeFilter;
     QPointer<CMListRowsNode> m_node;
     QList<TarvRoles> m_rows;
+    // Changes taken in and not reported yet, oldest first: (new, old), or
+    // a blank pair for a change that is nothing to this mirror.
+    QList<QPair<TarvRoles, TarvRoles>> m_unreported;
     bool m_loading = false;
 };

@@ -19,6 +19,7 @@ const QString Ctrl = QStringLiteral("SimpleGroupingCtrl");
 const QString Request = QStringLiteral("SimpleGroupingRequest");
 const QString Socket = QStringLiteral("SimpleGroupingSocket");
 const QString Worker = QStringLiteral("SimpleGroupingWorker");
+const QString Observer = QStringLiteral("SimpleGroupingObserver");
 
 TarvHash joinRequest(const TarvSystemMember& master)
 {
@@ -105,6 +106,7 @@ private Q_SLOTS:
                 delete ui;
             }
             delete m_worker->request();
+            delete m_worker->observer();
         }
         delete m_worker;
         m_worker = nullptr;
@@ -298,6 +300,35 @@ private Q_SLOTS:
         QCOMPARE(nextDatagramStartingWith(*m_sink, "remove", "add" + ownJson()), "remove" + ownJson());
         QCOMPARE(list->rowsGetById("T").path(), joinTango);
         QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Request), QStringList());
+    }
+
+    // A saved group brings the device to its master; when that master
+    // disappears the controller leaves it, and the search for an old master
+    // that follows must not find it in the observer's own mirror again.
+    void aMasterThatDisappearsIsLeftAndNotJoinedAgain()
+    {
+        QVERIFY(useSink());
+        TarvSystemMember tango = m_tango;
+        tango.setPersistentGroupMembers(TarvList<QString>({"T", "A"})).setPersistentGroupTimestamp(1000);
+        // After init(): joins sent before it reach no controller.
+        QVERIFY(startWorker(3000));
+        m_host->setSystemMember(tango);
+        QTRY_COMPARE_WITH_TIMEOUT(ownGroupingMember().master().id(), QStringLiteral("T"), 2000);
+        QCOMPARE(GroupingTestHost::deviceState().type(), TarvTranscoderState::Receiver);
+        QCOMPARE(nextDatagram(*m_sink), "add" + ownJson());
+        const int joins = m_log->count(DEBUG_LOG_LEVEL, "Joining new master: T", Observer);
+        QVERIFY(joins >= 1);
+
+        m_host->removeSystemMember("T");
+        QCOMPARE(m_log->count(INFO_LOG_LEVEL, "Master disappeared, leaving group", Ctrl), 1);
+        QCOMPARE(ownGroupingMember().master(), m_self);
+        // Every request sent so far has been handled once a refused one
+        // sent now is answered.
+        QVERIFY(invoke(TarvGroupingRequestPath(), groupingRequest(2)).hasError());
+        QCOMPARE(m_log->count(DEBUG_LOG_LEVEL, "Joining new master: T", Observer), joins);
+        QCOMPARE(GroupingTestHost::deviceState().type(), TarvTranscoderState::Transcoder);
+        QCOMPARE(ownGroupingMember().master(), m_self);
+        QCOMPARE(nextDatagramStartingWith(*m_sink, "remove", "add" + ownJson()), "remove" + ownJson());
     }
 
     void transcoderFedRealDatagrams()
