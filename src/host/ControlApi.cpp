@@ -267,6 +267,7 @@ bool ControlApi::start(QString* error)
     static const char* const postOnly[] = {"POST", nullptr};
     const Endpoint endpoints[] = {
         {"/", getOnly},
+        {"/web/[^/]+", getOnly},
         {"/api/v1/host", getOnly},
         {"/api/v1/value", getPut},
         {"/api/v1/invoke", postOnly},
@@ -300,6 +301,7 @@ bool ControlApi::start(QString* error)
         server.Patch(pattern, refuse);
     }
     server.Get("/", [this](const Request& q, Response& r) { handlePage(q, r); });
+    server.Get("/web/[^/]+", [this](const Request& q, Response& r) { handlePage(q, r); });
     server.Get("/api/v1/host", [this](const Request& q, Response& r) { handleHost(q, r); });
     server.Get("/api/v1/value", [this](const Request& q, Response& r) { handleGetValue(q, r); });
     server.Put("/api/v1/value", [this](const Request& q, Response& r) { handlePutValue(q, r); });
@@ -702,7 +704,16 @@ void ControlApi::handleEvents(const Request&, Response& response)
         [events, subscription](bool) { events->unsubscribe(subscription); });
 }
 
-void ControlApi::handlePage(const Request&, Response& response)
+void ControlApi::handlePage(const Request& request, Response& response)
 {
-    response.set_content(HostWebPage::html(), "text/html; charset=utf-8");
+    HostWebPage::File file;
+    if (!HostWebPage::find(request.path, &file)) {
+        sendError(response, 404, QStringLiteral("NotFound"), QStringLiteral("Not found"),
+                  QStringLiteral("The web page has no file %1").arg(QString::fromStdString(request.path)));
+        return;
+    }
+    response.set_header("Content-Security-Policy", HostWebPage::contentSecurityPolicy());
+    response.set_header("X-Content-Type-Options", "nosniff");
+    response.set_header("Cache-Control", "no-cache");
+    response.set_content(file.body, file.contentType);
 }

@@ -34,7 +34,7 @@ class EventStream;
 //   GET  /api/v1/rows?path=P               {"path","title","loading","rows"}
 //   GET  /api/v1/tree                      {"nodes":[{"path","kind","title"[,"loading","rows"]}],"values":[P...]}
 //   GET  /api/v1/events                    text/event-stream
-//   GET  /                                 a small web page
+//   GET  /, /web/FILE                      the web page and its files (HostWebPage)
 // Failures answer {"error": {"name","title","message"}}: 400 malformed
 // request, 403 foreign Host header or a foreign web page's Origin, 404
 // unknown path or endpoint, 405 wrong method, 413 body over 64 KiB, 414

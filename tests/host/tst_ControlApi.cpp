@@ -24,6 +24,7 @@
 #include "ControlApi.h"
 #include "EventStream.h"
 #include "HostConfig.h"
+#include "HostWebPage.h"
 #include "HostWorker.h"
 #include "LogCapture.h"
 #include "TarvPaths.h"
@@ -638,20 +639,35 @@ private Q_SLOTS:
         QCOMPARE(answer.message(), QStringLiteral("The request has no Host header"));
     }
 
-    void theWebPageIsServed()
+    void theWebPagesFilesAreServed_data()
     {
-        const Answer answer = call("GET", "/");
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("contentType");
+        QTest::newRow("page") << "/" << "text/html; charset=utf-8";
+        QTest::newRow("style") << "/web/app.css" << "text/css; charset=utf-8";
+        QTest::newRow("script") << "/web/app.js" << "text/javascript; charset=utf-8";
+    }
+
+    void theWebPagesFilesAreServed()
+    {
+        QFETCH(QString, target);
+        QFETCH(QString, contentType);
+        const Answer answer = call("GET", target.toStdString());
         QCOMPARE(answer.status, 200);
-        QCOMPARE(answer.header("Content-Type"), std::string("text/html; charset=utf-8"));
-        const QString page = QString::fromStdString(answer.body);
-        QVERIFY(page.contains("<title>tarv-host</title>"));
-        QVERIFY(page.contains("new EventSource(\"/api/v1/events\")"));
-        QVERIFY(page.contains("\"/grouping/request\""));
-        // Join and leave go out as the module reads them: the request in a
-        // value union.
-        QVERIFY(page.contains("encodeURIComponent(\"/grouping/request\"), { groupingRequest: request })"));
-        QVERIFY(page.contains("invokeGrouping({ command: 1, master: { id: m.id, name: m.name, host: m.host } })"));
-        QVERIFY(page.contains("invokeGrouping({ command: -1 })"));
+        QCOMPARE(QString::fromStdString(answer.header("Content-Type")), contentType);
+        HostWebPage::File file;
+        QVERIFY(HostWebPage::find(target.toStdString(), &file));
+        QVERIFY(answer.body == file.body);
+        QCOMPARE(answer.header("Content-Security-Policy"), std::string(HostWebPage::contentSecurityPolicy()));
+        QCOMPARE(answer.header("X-Content-Type-Options"), std::string("nosniff"));
+    }
+
+    void aFileThePageDoesNotHaveIsNotFound()
+    {
+        const Answer answer = call("GET", "/web/missing.js");
+        QCOMPARE(answer.status, 404);
+        QCOMPARE(answer.message(), QStringLiteral("The web page has no file /web/missing.js"));
+        QCOMPARE(call("POST", "/web/app.js", "{}").status, 405);
     }
 
     void stoppingAnswersWaitingRequestsAtOnce()
