@@ -1,7 +1,9 @@
 // A bounded flood of garbage datagrams for the lab (scripts/lab flood):
 // sends to HOST:PORT at RATE datagrams per second for SECONDS seconds, then
-// stops and prints how many it sent. Kinds: "garbage" (no known prefix),
-// "badjson" ("add" followed by broken JSON) or "mixed" (alternating).
+// stops and prints how many it sent: fewer than RATE * SECONDS when the
+// machine could not keep up, as it never runs longer than SECONDS + 1 s.
+// Kinds: "garbage" (no known prefix), "badjson" ("add" followed by broken
+// JSON) or "mixed" (alternating).
 //
 //   lab_flood HOST PORT RATE SECONDS KIND
 
@@ -70,10 +72,14 @@ int main(int argc, char** argv)
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
     // Sends what the rate allows so far, then sleeps a millisecond: the
-    // datagrams go out in bursts of rate/1000, evenly over the run.
-    while (sent + failed < total) {
-        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-        const long due = std::min(total, static_cast<long>(elapsed * double(rate)) + 1);
+    // datagrams go out in bursts of rate/1000, evenly over the run. A busy
+    // machine may keep the sender below its rate; it still stops one second
+    // after its time at the latest, and the report shows fewer datagrams.
+    const double limit = double(seconds) + 1.0;
+    const auto elapsedS = [&start] { return std::chrono::duration<double>(Clock::now() - start).count(); };
+    bool late = false;
+    while (sent + failed < total && !late && elapsedS() < limit) {
+        const long due = std::min(total, static_cast<long>(elapsedS() * double(rate)) + 1);
         while (sent + failed < due) {
             const bool garbage = kind == "garbage" || (kind == "mixed" && (sent + failed) % 2 == 0);
             const char* data = garbage ? Garbage : BadJson;
@@ -82,6 +88,10 @@ int main(int argc, char** argv)
                 ++failed;
             else
                 ++sent;
+            if ((sent + failed) % 256 == 0 && elapsedS() >= limit) {
+                late = true;
+                break;
+            }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
