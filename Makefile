@@ -5,7 +5,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-json soak clean
+.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json soak clean
 
 all: build
 
@@ -54,6 +54,9 @@ bench-link: build
 
 bench-lab: build
 	bash scripts/bench-lab
+
+bench-scale: build
+	bash scripts/bench-scale
 
 bench-json: build
 	bash scripts/bench-json

@@ -24,10 +24,13 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include "BenchSupport.h"
 #include "Lab.h"
 #include "LabApi.h"
 #include "LabEventStream.h"
 #include "LabLog.h"
+
+using namespace BenchSupport;
 
 namespace {
 
@@ -40,73 +43,6 @@ struct Options {
     int timeoutMs = 5000;
     int discoveryMs = 1000;
 };
-
-struct Stats {
-    int n = 0;
-    double p50 = 0, p95 = 0, p99 = 0, min = 0, max = 0;
-};
-
-// Nearest-rank percentiles.
-Stats stats(std::vector<double> values)
-{
-    Stats s;
-    s.n = int(values.size());
-    if (values.empty())
-        return s;
-    std::sort(values.begin(), values.end());
-    auto rank = [&values](double p) {
-        const size_t index = size_t(std::max(1.0, std::ceil(p / 100.0 * double(values.size())))) - 1;
-        return values.at(std::min(index, values.size() - 1));
-    };
-    s.p50 = rank(50);
-    s.p95 = rank(95);
-    s.p99 = rank(99);
-    s.min = values.front();
-    s.max = values.back();
-    return s;
-}
-
-void printRow(const char* what, const Stats& s, const char* unit)
-{
-    std::printf("| %-45s | %5d | %8.1f | %8.1f | %8.1f | %8.1f | %8.1f | %-2s |\n", what, s.n, s.p50, s.p95, s.p99,
-                s.min, s.max, unit);
-}
-
-// utime + stime of a process, in clock ticks.
-qint64 cpuTicks(qint64 pid)
-{
-    QFile file(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!file.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray text = file.readAll();
-    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-    // After the command: state is field 3 of stat, utime 14, stime 15.
-    return fields.value(11).toLongLong() + fields.value(12).toLongLong();
-}
-
-qint64 statusKb(qint64 pid, const QByteArray& key)
-{
-    QFile file(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!file.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : file.readAll().split('\n')) {
-        if (line.startsWith(key + ':'))
-            return line.mid(key.size() + 1).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
-}
-
-QString cpuModel()
-{
-    QFile file(QStringLiteral("/proc/cpuinfo"));
-    if (file.open(QIODevice::ReadOnly)) {
-        for (const QByteArray& line : file.readAll().split('\n')) {
-            if (line.startsWith("model name"))
-                return QString::fromUtf8(line.mid(line.indexOf(':') + 1).trimmed());
-        }
-    }
-    return QStringLiteral("unknown CPU");
-}
 
 int fail(const QString& why, Lab& lab)
 {
@@ -121,24 +57,6 @@ struct Regroup {
     double fromReadyMs = 0;
     double fromStartMs = 0;
 };
-
-// The time of the first entry of `log` from `from` on that matches, waiting
-// up to `timeoutMs` for it; -1 when none came.
-qint64 entryTime(LabLog& log, const QString& level, const QString& logger, const QString& prefix,
-                 const QString& containing, int from, int timeoutMs)
-{
-    QElapsedTimer clock;
-    clock.start();
-    do {
-        log.refresh();
-        for (const LabLog::Entry& entry : log.find(level, logger, prefix, from)) {
-            if (entry.message.contains(containing))
-                return entry.timeMs;
-        }
-        QTest::qWait(20);
-    } while (clock.elapsed() < timeoutMs);
-    return -1;
-}
 
 // Kills `killed` with SIGKILL and restarts them in that order; dev1 keeps
 // the saved group of all three. The group is back when dev1 has listed
@@ -224,13 +142,7 @@ int main(int argc, char** argv)
     QFile logConfig(logDir.filePath(QStringLiteral("log.properties")));
     if (!logDir.isValid() || !logConfig.open(QIODevice::WriteOnly))
         return 1;
-    logConfig.write("log4cplus.rootLogger=INFO, STDERR\n"
-                    "log4cplus.logger.SimpleGroupingCtrl=DEBUG\n"
-                    "log4cplus.appender.STDERR=log4cplus::ConsoleAppender\n"
-                    "log4cplus.appender.STDERR.logToStdErr=true\n"
-                    "log4cplus.appender.STDERR.ImmediateFlush=true\n"
-                    "log4cplus.appender.STDERR.layout=log4cplus::PatternLayout\n"
-                    "log4cplus.appender.STDERR.layout.ConversionPattern=%D{%Y-%m-%d %H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n\n");
+    logConfig.write(logProperties());
     logConfig.close();
     lab.setVariable(QStringLiteral("LAB_LOG_CONFIG"), logConfig.fileName());
     std::fprintf(stderr, "bench_lab: bringing up 3 devices\n");
@@ -346,9 +258,7 @@ int main(int argc, char** argv)
     std::printf("\nLab benchmark: 3 devices; resend %d ms, time-out %d ms, discovery %d ms; %s, %ld cores\n\n",
                 options.resendMs, options.timeoutMs, options.discoveryMs, qPrintable(cpuModel()),
                 sysconf(_SC_NPROCESSORS_ONLN));
-    std::printf("| %-45s | %5s | %8s | %8s | %8s | %8s | %8s | %-2s |\n", "measure", "n", "p50", "p95", "p99", "min", "max", "");
-    std::printf("|%s|-------|----------|----------|----------|----------|----------|----|\n",
-                "-----------------------------------------------");
+    printHeader();
     printRow("join: request on B -> row on A's events", stats(joinMs), "ms");
     printRow("leave: request on B -> row gone on A's events", stats(leaveMs), "ms");
     printRow("SIGKILL of B -> row gone on A's events", stats(killMs), "ms");

@@ -101,7 +101,9 @@ bool Lab::up(int devices, const QStringList& options)
 {
     // A lab of this name left over by a killed run is taken down first.
     run({QStringLiteral("down")});
-    const int code = run(QStringList{QStringLiteral("up"), QString::number(devices)} + options);
+    // `up` waits longer for more devices (its bounds grow with the count).
+    const int code = run(QStringList{QStringLiteral("up"), QString::number(devices)} + options, nullptr,
+                         60000 + devices * 2000);
     m_up = code == 0;
     if (m_up)
         status();

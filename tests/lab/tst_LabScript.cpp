@@ -20,6 +20,7 @@
 
 #include "Lab.h"
 #include "LabApi.h"
+#include "LabLog.h"
 
 namespace {
 
@@ -98,6 +99,9 @@ QStringList waitNoLeftovers(const QString& name, int subnet, int timeoutMs)
     return left;
 }
 
+// The size at which a device's log rolls over in this suite's lab, in KB.
+constexpr int kLogMaxKb = 256;
+
 QString labName(const char* tag)
 {
     return QStringLiteral("%1%2").arg(QLatin1String(tag)).arg(QCoreApplication::applicationPid() % 1000000);
@@ -122,6 +126,7 @@ private Q_SLOTS:
     void lossInstallsARandomDrop();
     void killThenRestartKeepsTheId();
     void logsShowTheHostLog();
+    void floodIsBoundedAndTheLogRollsOver();
     void downLeavesNothing();
     void failedUpLeavesNothing();
     void interruptedUpLeavesNothing_data();
@@ -139,6 +144,8 @@ void tst_LabScript::initTestCase()
     if (!reason.isEmpty())
         QSKIP(qPrintable(reason));
     m_lab.reset(new Lab(labName("s")));
+    // Small enough that a two-second flood rolls the log over.
+    m_lab->setVariable(QStringLiteral("LAB_LOG_MAX_KB"), QString::number(kLogMaxKb));
 }
 
 void tst_LabScript::cleanupTestCase()
@@ -322,6 +329,35 @@ void tst_LabScript::logsShowTheHostLog()
     for (int i = 1; i < starts.size(); ++i)
         QVERIFY2(starts.at(i).contains(QStringLiteral("tarv-host ready: api ") + m_lab->api(2) + QStringLiteral(" id ") + m_lab->id(2)),
                  qPrintable(starts.at(i)));
+}
+
+// A flood writes two lines per garbage datagram (the listener's TRACE line
+// and "Dropping garbage packet"); the device's log rolls over into log.1 and
+// never holds much more than twice the bound, and the host carries on.
+void tst_LabScript::floodIsBoundedAndTheLogRollsOver()
+{
+    QString output;
+    QCOMPARE(m_lab->run({QStringLiteral("flood"), QStringLiteral("dev1"), QStringLiteral("300000"), QStringLiteral("1")},
+                        &output),
+             2);
+    QVERIFY2(output.contains(QStringLiteral("usage: lab_flood")), qPrintable(output));
+
+    QCOMPARE(m_lab->run({QStringLiteral("flood"), QStringLiteral("dev1"), QStringLiteral("10000"), QStringLiteral("2"),
+                         QStringLiteral("garbage")},
+                        &output),
+             0);
+    QVERIFY2(output.contains(QStringLiteral("lab_flood: sent 20000 datagrams (0 failed)")), qPrintable(output));
+    const QString log = m_lab->logPath(1);
+    QCOMPARE(LabApi(m_lab->api(1)).host().value(QStringLiteral("id")).toString(), m_lab->id(1));
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(log + QStringLiteral(".1")), 5000);
+    const qint64 bound = qint64(kLogMaxKb) * 1024 + 4096;
+    QVERIFY2(QFileInfo(log).size() <= bound, qPrintable(QString::number(QFileInfo(log).size())));
+    QVERIFY2(QFileInfo(log + QStringLiteral(".1")).size() <= bound,
+             qPrintable(QString::number(QFileInfo(log + QStringLiteral(".1")).size())));
+    QVERIFY(!QFileInfo::exists(log + QStringLiteral(".2")));
+    LabLog entries(log);
+    QVERIFY(entries.waitForCount(QStringLiteral("INFO"), QStringLiteral("SimpleGroupingSocket"),
+                                 QStringLiteral("Dropping garbage packet"), 1, 2000));
 }
 
 void tst_LabScript::downLeavesNothing()

@@ -327,6 +327,28 @@ private Q_SLOTS:
         QCOMPARE(m_emissions.first().member.ipAddress(), QString());
     }
 
+    // A byte order mark before the prefix is skipped, one inside the body is
+    // skipped by the JSON reader; both datagrams are ordinary "add"s.
+    void byteOrderMarkBeforePrefixOrBodyIsSkipped_data()
+    {
+        QTest::addColumn<QByteArray>("payload");
+        QTest::newRow("before the prefix") << QByteArray("\xEF\xBB\xBF" "add{\"id\":\"bom\"}");
+        QTest::newRow("before the body") << QByteArray("add\xEF\xBB\xBF{\"id\":\"bom\"}");
+    }
+
+    void byteOrderMarkBeforePrefixOrBodyIsSkipped()
+    {
+        QFETCH(QByteArray, payload);
+        SimpleGroupingSocket listener;
+        record(listener);
+        send(payload);
+
+        QTRY_COMPARE_WITH_TIMEOUT(m_emissions.size(), 1, 2000);
+        QCOMPARE(m_emissions.first().signal, QStringLiteral("add"));
+        QCOMPARE(m_emissions.first().member.id(), QStringLiteral("bom"));
+        QCOMPARE(m_log.messages(log4cplus::ERROR_LOG_LEVEL, Logger), QStringList());
+    }
+
     void largestUdpDatagramIsHandled()
     {
         SimpleGroupingSocket listener;

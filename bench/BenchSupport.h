@@ -1,0 +1,39 @@
+#pragma once
+
+#include <vector>
+
+#include <QByteArray>
+#include <QString>
+
+#include "LabLog.h"
+
+// What the lab benchmarks share: percentiles, their table rows, a process's
+// CPU and memory from /proc, the machine's name, and waiting for a log line.
+namespace BenchSupport {
+
+struct Stats {
+    int n = 0;
+    double p50 = 0, p95 = 0, p99 = 0, min = 0, max = 0;
+};
+
+// Nearest-rank percentiles.
+Stats stats(std::vector<double> values);
+void printHeader();
+void printRow(const char* what, const Stats& s, const char* unit);
+
+// utime + stime of a process, in clock ticks; -1 when unreadable.
+qint64 cpuTicks(qint64 pid);
+// A "key: N kB" field of /proc/PID/status, in KiB; -1 when unreadable.
+qint64 statusKb(qint64 pid, const QByteArray& key);
+QString cpuModel();
+
+// The time of the first entry of `log` from `from` on that matches and
+// contains `containing`, waiting up to `timeoutMs` for it; -1 when none came.
+qint64 entryTime(LabLog& log, const QString& level, const QString& logger, const QString& prefix,
+                 const QString& containing, int from, int timeoutMs);
+
+// The lab's log layout and bounded log file at INFO, with the controller's
+// member changes (DEBUG) whose times the benchmarks read.
+QByteArray logProperties();
+
+} // namespace BenchSupport
