@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <sys/socket.h>
+
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QNetworkInterface>
@@ -133,6 +135,14 @@ ControlApi::ControlApi(const Options& options, QObject* parent)
     // Events go out as small writes back to back; with Nagle's algorithm the
     // second waits for the client's delayed ACK (~40 ms).
     m_server->set_tcp_nodelay(true);
+    // httplib's default options set SO_REUSEPORT, with which a second host
+    // on the same port starts too and the kernel splits the requests
+    // between both. SO_REUSEADDR alone still lets a restarted host take its
+    // port back from connections in TIME_WAIT.
+    m_server->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    });
 }
 
 ControlApi::~ControlApi()

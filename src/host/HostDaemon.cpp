@@ -1,6 +1,7 @@
 #include "HostDaemon.h"
 
 #include <QHostInfo>
+#include <QUdpSocket>
 
 #include "CMRootWorker.h"
 #include "ControlApi.h"
@@ -54,6 +55,8 @@ bool HostDaemon::start(QString* error)
     m_worker = new HostWorker(m_config, id, persisted, &m_store);
 
     TarvSetRequestPort(m_config.requestPort());
+    if (!checkRequestPort(m_config.requestPort(), error))
+        return false;
     for (const QString& module : m_config.modules()) {
         if (!m_modules.load(module, m_config.moduleSettings(), CMRoot(), error))
             return false;
@@ -83,6 +86,21 @@ bool HostDaemon::start(QString* error)
     if (!m_api->start(error))
         return false;
     return true;
+}
+
+bool HostDaemon::checkRequestPort(quint16 port, QString* error)
+{
+    // The module's listener binds the port the same way and stays silent
+    // when it cannot: such a host would join others but never be listed,
+    // and a device joining it would hear its own datagrams.
+    QUdpSocket probe;
+    if (probe.bind(QHostAddress::Any, port, QAbstractSocket::DefaultForPlatform))
+        return true;
+    *error = QStringLiteral("cannot bind the receiver-link port %1 (UDP): %2; it is most likely another tarv-host's: "
+                            "run one tarv-host per network namespace (scripts/lab runs several devices on one machine)")
+                 .arg(port)
+                 .arg(probe.errorString());
+    return false;
 }
 
 void HostDaemon::stop()
