@@ -401,3 +401,21 @@ CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, i
         LOG4CPLUS_WARN(logger(), "GET " << where << " failed: " << reply.describe());
     return reply;
 }
+
+CtlReply CtlClient::actAndAwait(const std::function<CtlReply()>& act,
+                                const std::function<bool(const CtlEvent&)>& arrived, int timeoutMs,
+                                CtlReply* actReply)
+{
+    bool acted = false;
+    const auto onOpen = [&]() {
+        *actReply = act();
+        acted = true;
+        return actReply->isOk();
+    };
+    const CtlReply reply = watch([&](const CtlEvent& event) { return !arrived(event); }, timeoutMs, onOpen);
+    if (acted && !actReply->isOk())
+        return *actReply;
+    if (!acted)
+        *actReply = reply;
+    return reply;
+}
