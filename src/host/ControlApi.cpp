@@ -18,8 +18,8 @@
 #include "CMListRowsNode.h"
 #include "CMRootWorker.h"
 #include "EventStream.h"
-#include "HostJson.h"
 #include "HostWebPage.h"
+#include "TarvJson.h"
 #include "TarvLog.h"
 #include "TarvPaths.h"
 #include "TarvSystemMember.h"
@@ -41,14 +41,17 @@ const int eventWaitMs = 250;
 void sendJson(httplib::Response& response, int status, const QJsonObject& object)
 {
     response.status = status;
-    response.set_content(HostJson::compact(object), jsonType);
+    response.set_content(TarvJson::toBytes(object).toStdString(), jsonType);
 }
 
 void sendError(httplib::Response& response, int status, const QString& name, const QString& title,
                const QString& message)
 {
-    response.status = status;
-    response.set_content(HostJson::error(name, title, message), jsonType);
+    QJsonObject inner;
+    inner.insert(QStringLiteral("name"), name);
+    inner.insert(QStringLiteral("title"), title);
+    inner.insert(QStringLiteral("message"), message);
+    sendJson(response, status, QJsonObject{{QStringLiteral("error"), inner}});
 }
 
 void badRequest(httplib::Response& response, const QString& message)
@@ -468,7 +471,7 @@ void ControlApi::answer(const LoopOutcome& outcome, int waitMs, Response& respon
         sendError(response, outcome.status, outcome.error.name(), outcome.error.title(), outcome.error.message());
         return;
     }
-    sendJson(response, outcome.status, HostJson::fromVariant(outcome.result).toObject());
+    sendJson(response, outcome.status, TarvJson::fromVariant(outcome.result).toObject());
 }
 
 bool ControlApi::pathParameter(const Request& request, Response& response, QString* path)
@@ -535,7 +538,7 @@ void ControlApi::handlePutValue(const Request& request, Response& response)
         badRequest(response, QStringLiteral("PUT needs the new value as a JSON object in the body"));
         return;
     }
-    if (!HostJson::parseObject(request.body, &value, &parseError)) {
+    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
         badRequest(response, parseError);
         return;
     }
@@ -572,7 +575,7 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
     }
     QVariantHash value;
     QString parseError;
-    if (!HostJson::parseObject(request.body, &value, &parseError)) {
+    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
         badRequest(response, parseError);
         return;
     }
@@ -590,7 +593,7 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
         waitMs);
     if (outcome.answered && outcome.status == 200) {
         QJsonObject result;
-        result.insert(QStringLiteral("result"), HostJson::fromVariant(outcome.result));
+        result.insert(QStringLiteral("result"), TarvJson::fromVariant(outcome.result));
         sendJson(response, 200, result);
         return;
     }

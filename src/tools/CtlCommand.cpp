@@ -1,7 +1,6 @@
 #include "CtlCommand.h"
 
 #include <QJsonArray>
-#include <QJsonDocument>
 
 #include "TarvEnums.h"
 #include "TarvJson.h"
@@ -10,7 +9,6 @@
 #include "TarvValue.h"
 
 #include "CtlFormatter.h"
-#include "CtlJson.h"
 
 #ifndef TARVCTL_VERSION
 #define TARVCTL_VERSION "unknown"
@@ -35,7 +33,7 @@ bool underPrefix(const QString& path, const QString& prefix)
 
 QJsonObject toJsonObject(const TarvHash& record)
 {
-    return QJsonDocument::fromJson(record.toJson()).object();
+    return TarvJson::fromVariant(record.toVariant()).toObject();
 }
 
 // True for a rows event of /grouping/members whose new row is `ownId`'s
@@ -45,7 +43,7 @@ bool ownMasterIs(const CtlEvent& event, const QString& ownId, const QString& mas
     if (event.name != QLatin1String("rows") || CtlFormatter::eventPath(event) != TarvGroupingMembersPath().toString())
         return false;
     QJsonValue data;
-    if (!CtlJson::parse(event.data, &data, nullptr))
+    if (!TarvJson::parseValue(event.data, &data, nullptr))
         return false;
     const QJsonObject row = data.toObject().value(QStringLiteral("new")).toObject();
     if (row.value(QStringLiteral("id")).toString() != ownId)
@@ -99,8 +97,8 @@ CtlExitCode::Enum CtlCommand::fail(const CtlReply& reply)
     if (m_arguments.json() && !reply.rawBody().isEmpty()) {
         // Scripts asking for JSON get the host's error object as well.
         QJsonValue body;
-        if (CtlJson::parse(reply.rawBody(), &body, nullptr))
-            m_out << CtlJson::toText(body, true) << '\n';
+        if (TarvJson::parseValue(reply.rawBody(), &body, nullptr))
+            m_out << TarvJson::toText(body, true) << '\n';
     }
     m_out.flush();
     m_err << "tarvctl: " << CtlFormatter::printable(CtlFormatter::toolHints(reply.describe())) << '\n';
@@ -114,7 +112,7 @@ CtlExitCode::Enum CtlCommand::finish(const CtlReply& reply,
     if (!reply.isOk())
         return fail(reply);
     if (m_arguments.json())
-        m_out << CtlJson::toText(reply.body(), true) << '\n';
+        m_out << TarvJson::toText(reply.body(), true) << '\n';
     else
         m_out << CtlFormatter::printable(readable(reply.body())) << '\n';
     m_out.flush();
@@ -187,7 +185,7 @@ CtlExitCode::Enum CtlCommand::runSet()
         value = toJsonObject(TarvValue().setI32_(m_arguments.option(QStringLiteral("int")).toInt()));
     } else {
         QString error;
-        if (!CtlJson::parse(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
+        if (!TarvJson::parseValue(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
             return usageError(QStringLiteral("set: VALUE is not valid JSON (%1): %2; for a plain text use --string")
                                   .arg(error, m_arguments.arguments().at(1)));
         }
@@ -203,7 +201,7 @@ CtlExitCode::Enum CtlCommand::runInvoke()
     QJsonValue value = QJsonObject();
     if (m_arguments.arguments().size() > 1) {
         QString error;
-        if (!CtlJson::parse(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
+        if (!TarvJson::parseValue(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
             return usageError(
                 QStringLiteral("invoke: VALUE is not valid JSON (%1): %2").arg(error, m_arguments.arguments().at(1)));
         }
@@ -309,7 +307,7 @@ CtlExitCode::Enum CtlCommand::runStatus()
     if (!grouping.isOk())
         return fail(grouping);
     const QJsonObject status = CtlFormatter::statusOf(host.body(), members.body(), grouping.body());
-    m_out << (m_arguments.json() ? CtlJson::toText(status, true) : CtlFormatter::printable(CtlFormatter::status(status)))
+    m_out << (m_arguments.json() ? TarvJson::toText(status, true) : CtlFormatter::printable(CtlFormatter::status(status)))
           << '\n';
     m_out.flush();
     return CtlExitCode::Ok;
@@ -401,11 +399,11 @@ CtlExitCode::Enum CtlCommand::runWatch()
             return true;
         if (m_arguments.json()) {
             QJsonValue data;
-            CtlJson::parse(event.data, &data, nullptr);
+            TarvJson::parseValue(event.data, &data, nullptr);
             QJsonObject object;
             object.insert(QStringLiteral("event"), event.name);
             object.insert(QStringLiteral("data"), data);
-            m_out << CtlJson::toText(object) << '\n';
+            m_out << TarvJson::toText(object) << '\n';
         } else {
             m_out << CtlFormatter::printable(line) << '\n';
         }
@@ -531,7 +529,7 @@ CtlExitCode::Enum CtlCommand::runUiWatch()
             return true;
         lastShown = list.body();
         if (m_arguments.json())
-            m_out << CtlJson::toText(list.body()) << '\n';
+            m_out << TarvJson::toText(list.body()) << '\n';
         else
             m_out << (shown > 0 ? QStringLiteral("\n") : QString())
                   << CtlFormatter::printable(CtlFormatter::groupingView(list.body())) << '\n';

@@ -10,7 +10,6 @@
 #include "TarvPaths.h"
 #include "TarvValue.h"
 
-#include "CtlJson.h"
 
 namespace {
 
@@ -34,7 +33,7 @@ QString text(const QJsonValue& value)
             return QString::number(qint64(number));
         return QString::number(number);
     }
-    return CtlJson::toText(value);
+    return TarvJson::toText(value);
 }
 
 TarvValue toValue(const QJsonValue& value)
@@ -142,7 +141,7 @@ QString CtlFormatter::value(const QJsonValue& value)
     if (value.isString())
         return value.toString();
     if (!value.isObject())
-        return CtlJson::toText(value, true);
+        return TarvJson::toText(value, true);
     const QJsonObject object = value.toObject();
     if (object.isEmpty())
         return QStringLiteral("(no value)");
@@ -153,9 +152,9 @@ QString CtlFormatter::value(const QJsonValue& value)
         if (object.contains(TarvValue::I32_()) && view.isDouble())
             return text(view);
         if (view.isObject())
-            return CtlJson::toText(view, true);
+            return TarvJson::toText(view, true);
     }
-    return CtlJson::toText(value, true);
+    return TarvJson::toText(value, true);
 }
 
 QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
@@ -174,7 +173,7 @@ QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
         } else if (object.contains(TarvValue::I32_()) && view.isDouble()) {
             line = text(view);
         } else if (!view.isObject()) {
-            line = CtlJson::toText(json);
+            line = TarvJson::toText(json);
         } else if (object.contains(TarvValue::GroupingMember())) {
             const TarvGroupingMember member = value.groupingMember();
             line = QStringLiteral("follower %1 -> master %2")
@@ -203,10 +202,10 @@ QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
             if (!state.id().isEmpty())
                 line += QStringLiteral(" (%1)").arg(state.id());
         } else {
-            line = CtlJson::toText(json);
+            line = TarvJson::toText(json);
         }
     } else {
-        line = CtlJson::toText(json);
+        line = TarvJson::toText(json);
     }
     return elide(line, maxChars);
 }
@@ -239,7 +238,7 @@ QString CtlFormatter::rowType(const QJsonValue& type)
 QString CtlFormatter::rowLine(const QJsonValue& row)
 {
     if (!row.isObject())
-        return QStringLiteral("(not a row: %1)").arg(elide(CtlJson::toText(row), 60));
+        return QStringLiteral("(not a row: %1)").arg(elide(TarvJson::toText(row), 60));
     const QJsonObject object = row.toObject();
     QString line = summary(object.value(QStringLiteral("value")));
     const QString path = text(object.value(QStringLiteral("path")));
@@ -429,7 +428,7 @@ QString CtlFormatter::tree(const QJsonObject& answer)
     const QJsonValue nodesValue = answer.value(QStringLiteral("nodes"));
     const QJsonValue valuesValue = answer.value(QStringLiteral("values"));
     if (!nodesValue.isArray() && !valuesValue.isArray())
-        return CtlJson::toText(answer, true);
+        return TarvJson::toText(answer, true);
 
     QStringList lines;
     const QJsonArray nodes = nodesValue.toArray();
@@ -472,7 +471,7 @@ QString CtlFormatter::tree(const QJsonObject& answer)
 QString CtlFormatter::eventPath(const CtlEvent& event)
 {
     QJsonValue data;
-    if (!CtlJson::parse(event.data, &data, nullptr))
+    if (!TarvJson::parseValue(event.data, &data, nullptr))
         return QString();
     const QJsonValue path = data.toObject().value(QStringLiteral("path"));
     return path.isString() ? path.toString() : QString();
@@ -481,7 +480,7 @@ QString CtlFormatter::eventPath(const CtlEvent& event)
 QString CtlFormatter::event(const CtlEvent& event, bool* wellFormed)
 {
     QJsonValue data;
-    const bool parsed = CtlJson::parse(event.data, &data, nullptr) && data.isObject();
+    const bool parsed = TarvJson::parseValue(event.data, &data, nullptr) && data.isObject();
     if (wellFormed)
         *wellFormed = parsed;
     if (!parsed) {
@@ -515,7 +514,7 @@ QString CtlFormatter::event(const CtlEvent& event, bool* wellFormed)
             line += QStringLiteral(": ") + shown;
         return line;
     }
-    return QStringLiteral("%1 %2").arg(event.name, CtlJson::toText(data));
+    return QStringLiteral("%1 %2").arg(event.name, TarvJson::toText(data));
 }
 
 QString CtlFormatter::printable(const QString& text)
