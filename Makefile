@@ -12,8 +12,13 @@ all: build
 deps:
 	bash scripts/install-deps
 
+# BUILD_TESTING=OFF leaves the test programs out, TARV_BENCH=OFF the
+# benchmarks (make demo needs neither).
+BUILD_TESTING ?= ON
+TARV_BENCH ?= ON
+
 configure: deps
-	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DBUILD_TESTING=$(BUILD_TESTING) -DTARV_BENCH=$(TARV_BENCH)
 
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
@@ -43,7 +48,8 @@ install: build
 package: build
 	cmake --build $(BUILD_DIR) --target package
 
-demo: build
+demo:
+	$(MAKE) build BUILD_TESTING=OFF TARV_BENCH=OFF
 	bash scripts/demo
 
 bench: build

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include <sys/socket.h>
+
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QNetworkInterface>
@@ -17,8 +19,8 @@
 #include "CMRootWorker.h"
 #include "ControlServer.h"
 #include "EventStream.h"
-#include "HostJson.h"
 #include "HostWebPage.h"
+#include "TarvJson.h"
 #include "TarvLog.h"
 #include "TarvPaths.h"
 #include "TarvSystemMember.h"
@@ -40,14 +42,17 @@ const int eventWaitMs = 250;
 void sendJson(httplib::Response& response, int status, const QJsonObject& object)
 {
     response.status = status;
-    response.set_content(HostJson::compact(object), jsonType);
+    response.set_content(TarvJson::toBytes(object).toStdString(), jsonType);
 }
 
 void sendError(httplib::Response& response, int status, const QString& name, const QString& title,
                const QString& message)
 {
-    response.status = status;
-    response.set_content(HostJson::error(name, title, message), jsonType);
+    QJsonObject inner;
+    inner.insert(QStringLiteral("name"), name);
+    inner.insert(QStringLiteral("title"), title);
+    inner.insert(QStringLiteral("message"), message);
+    sendJson(response, status, QJsonObject{{QStringLiteral("error"), inner}});
 }
 
 void badRequest(httplib::Response& response, const QString& message)
@@ -143,6 +148,14 @@ ControlApi::ControlApi(const Options& options, QObject* parent)
     // Events go out as small writes back to back; with Nagle's algorithm the
     // second waits for the client's delayed ACK (~40 ms).
     m_server->set_tcp_nodelay(true);
+    // httplib's default options set SO_REUSEPORT, with which a second host
+    // on the same port starts too and the kernel splits the requests
+    // between both. SO_REUSEADDR alone still lets a restarted host take its
+    // port back from connections in TIME_WAIT.
+    m_server->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    });
 }
 
 ControlApi::~ControlApi()
@@ -469,7 +482,7 @@ void ControlApi::answer(const LoopOutcome& outcome, int waitMs, Response& respon
         sendError(response, outcome.status, outcome.error.name(), outcome.error.title(), outcome.error.message());
         return;
     }
-    sendJson(response, outcome.status, HostJson::fromVariant(outcome.result).toObject());
+    sendJson(response, outcome.status, TarvJson::fromVariant(outcome.result).toObject());
 }
 
 bool ControlApi::pathParameter(const Request& request, Response& response, QString* path)
@@ -536,7 +549,7 @@ void ControlApi::handlePutValue(const Request& request, Response& response)
         badRequest(response, QStringLiteral("PUT needs the new value as a JSON object in the body"));
         return;
     }
-    if (!HostJson::parseObject(request.body, &value, &parseError)) {
+    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
         badRequest(response, parseError);
         return;
     }
@@ -573,7 +586,7 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
     }
     QVariantHash value;
     QString parseError;
-    if (!HostJson::parseObject(request.body, &value, &parseError)) {
+    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
         badRequest(response, parseError);
         return;
     }
@@ -591,7 +604,7 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
         waitMs);
     if (outcome.answered && outcome.status == 200) {
         QJsonObject result;
-        result.insert(QStringLiteral("result"), HostJson::fromVariant(outcome.result));
+        result.insert(QStringLiteral("result"), TarvJson::fromVariant(outcome.result));
         sendJson(response, 200, result);
         return;
     }

@@ -6,8 +6,8 @@
 #include <QJsonObject>
 
 #include "CMRootWorker.h"
-#include "HostJson.h"
 #include "TarvConnect.h"
+#include "TarvJson.h"
 #include "TarvLog.h"
 
 namespace {
@@ -86,7 +86,7 @@ bool EventStream::next(Subscription& subscription, int waitMs, std::string* text
 
 std::string EventStream::format(const char* event, const QJsonObject& data)
 {
-    return std::string("event: ") + event + "\ndata: " + HostJson::compact(data) + "\n\n";
+    return std::string("event: ") + event + "\ndata: " + TarvJson::toBytes(data).toStdString() + "\n\n";
 }
 
 void EventStream::end(Subscription& subscription)
@@ -123,7 +123,7 @@ void EventStream::on_root_valueChanged(const CMPath& path, const QVariant& value
         return;
     QJsonObject data;
     data.insert(QStringLiteral("path"), path.toString());
-    data.insert(QStringLiteral("value"), HostJson::fromVariant(value));
+    data.insert(QStringLiteral("value"), TarvJson::fromVariant(value));
     publish(format("value", data));
 }
 
@@ -133,7 +133,7 @@ void EventStream::on_root_rowsChanged(const CMPath& path, const TarvRoles& newRo
         return;
     QJsonObject data;
     data.insert(QStringLiteral("path"), path.toString());
-    data.insert(QStringLiteral("new"), HostJson::fromVariant(newRow.toVariant()));
-    data.insert(QStringLiteral("old"), HostJson::fromVariant(oldRow.toVariant()));
+    data.insert(QStringLiteral("new"), TarvJson::fromVariant(newRow.toVariant()));
+    data.insert(QStringLiteral("old"), TarvJson::fromVariant(oldRow.toVariant()));
     publish(format("rows", data));
 }

@@ -15,6 +15,7 @@
 
 #include "HostValidators.h"
 #include "TarvJson.h"
+#include "TarvLog.h"
 
 namespace {
 
@@ -42,7 +43,10 @@ const OptionInfo options[] = {
     {"timeout-ms", "N", "Receiver time-out in ms, /settings/streaming/stopTimeout (default: 5000)."},
     {"discovery-ms", "N", "Discovery announcement period in ms (default: 1000)."},
     {"discovery-group", "ADDR:PORT", "Discovery multicast group (default: 239.255.77.77:41231)."},
-    {"log-config", "FILE", "log4cplus properties file (default: INFO and above to stderr)."},
+    {"log-config", "FILE", "log4cplus properties file (default: INFO and above to stderr; an example is "
+                           "config/log.properties)."},
+    {"log-level", "LEVEL", "Level of the root logger, over the properties file's: TRACE, DEBUG, INFO, WARN, ERROR, "
+                           "FATAL or OFF (default: INFO)."},
 };
 
 const QStringList repeatable = {QStringLiteral("module")};
@@ -151,6 +155,7 @@ QString HostConfig::helpText()
         text += left.leftJustified(30) + QLatin1Char(' ') + QLatin1String(option.description) + QLatin1Char('\n');
     }
     text += QStringLiteral("  --help").leftJustified(30) + QStringLiteral(" Show this help and exit.\n");
+    text += QStringLiteral("  --version").leftJustified(30) + QStringLiteral(" Show tarv-host's version and exit.\n");
     text += QStringLiteral(
                 "\nModules: without --module or a \"module\" list in the config file, every *.so\n"
                 "file in %1 is loaded, by name.\n")
@@ -170,6 +175,7 @@ bool HostConfig::parse(const QStringList& arguments, QString* error)
         parser.addOption(QCommandLineOption(QLatin1String(option.key), QLatin1String(option.description),
                                             QLatin1String(option.valueName)));
     parser.addOption(QCommandLineOption({QStringLiteral("help"), QStringLiteral("h")}, QStringLiteral("help")));
+    parser.addOption(QCommandLineOption(QStringLiteral("version"), QStringLiteral("version")));
 
     if (!parser.parse(arguments)) {
         *error = parser.errorText();
@@ -181,6 +187,10 @@ bool HostConfig::parse(const QStringList& arguments, QString* error)
     }
     if (parser.isSet(QStringLiteral("help"))) {
         m_help = true;
+        return true;
+    }
+    if (parser.isSet(QStringLiteral("version"))) {
+        m_version = true;
         return true;
     }
     for (const OptionInfo& option : options) {
@@ -391,6 +401,13 @@ bool HostConfig::apply(const QString& key, const QString& text, Origin origin, c
             return false;
         }
         m_logConfig = path;
+    } else if (key == QLatin1String("log-level")) {
+        log4cplus::LogLevel level = log4cplus::NOT_SET_LOG_LEVEL;
+        if (!TarvLog::parseLevel(text, &level)) {
+            *error = QStringLiteral("'%1' is not a level (TRACE, DEBUG, INFO, WARN, ERROR, FATAL or OFF)").arg(text);
+            return false;
+        }
+        m_logLevel = level;
     } else {
         *error = QStringLiteral("unknown option");
         return false;

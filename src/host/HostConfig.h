@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <QVariantHash>
 
+#include <log4cplus/loglevel.h>
+
 // The host's configuration: built-in defaults, overridden by an optional
 // JSON config file (keys = the long options without dashes), overridden by
 // command-line options. Every value is checked while parsing, so a host that
@@ -42,6 +44,7 @@ public:
     static QString helpText();
 
     bool helpRequested() const { return m_help; }
+    bool versionRequested() const { return m_version; }
     Origin origin(const QString& key) const { return m_origins.value(key, Origin::Default); }
 
     // Without --module or a config file's "module" (an empty list there
@@ -65,6 +68,8 @@ public:
     const QHostAddress& discoveryGroup() const { return m_discoveryGroup; }
     quint16 discoveryPort() const { return m_discoveryPort; }
     const QString& logConfig() const { return m_logConfig; }
+    // NOT_SET_LOG_LEVEL when not given: the properties file (or INFO) rules.
+    log4cplus::LogLevel logLevel() const { return m_logLevel; }
     // The config file's "module-settings" object, handed to every module.
     const QVariantHash& moduleSettings() const { return m_moduleSettings; }
 
@@ -79,6 +84,7 @@ private:
     bool apply(const QString& key, const QString& text, Origin origin, const QString& baseDir, QString* error);
 
     bool m_help = false;
+    bool m_version = false;
     QHash<QString, Origin> m_origins;
     QStringList m_modules;
     QString m_configFile;
@@ -96,5 +102,6 @@ private:
     QHostAddress m_discoveryGroup;
     quint16 m_discoveryPort;
     QString m_logConfig;
+    log4cplus::LogLevel m_logLevel = log4cplus::NOT_SET_LOG_LEVEL;
     QVariantHash m_moduleSettings;
 };

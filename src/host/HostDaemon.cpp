@@ -3,6 +3,7 @@
 #include <QEventLoop>
 #include <QHostInfo>
 #include <QTimer>
+#include <QUdpSocket>
 
 #include "AnnouncementGate.h"
 #include "CMRootWorker.h"
@@ -57,6 +58,8 @@ bool HostDaemon::start(QString* error)
     m_worker = new HostWorker(m_config, id, persisted, &m_store);
 
     TarvSetRequestPort(m_config.requestPort());
+    if (!checkRequestPort(m_config.requestPort(), error))
+        return false;
     for (const QString& module : m_config.modules()) {
         if (!m_modules.load(module, m_config.moduleSettings(), CMRoot(), error))
             return false;
@@ -110,6 +113,21 @@ void HostDaemon::runModuleStartUp()
     QTimer::singleShot(ModuleStartUpMs, Qt::PreciseTimer, &startUp, &QEventLoop::quit);
     startUp.exec(QEventLoop::ExcludeSocketNotifiers);
     LOG4CPLUS_DEBUG(logger(), "Modules started (" << ModuleStartUpMs << " ms)");
+}
+
+bool HostDaemon::checkRequestPort(quint16 port, QString* error)
+{
+    // The module's listener binds the port the same way and stays silent
+    // when it cannot: such a host would join others but never be listed,
+    // and a device joining it would hear its own datagrams.
+    QUdpSocket probe;
+    if (probe.bind(QHostAddress::Any, port, QAbstractSocket::DefaultForPlatform))
+        return true;
+    *error = QStringLiteral("cannot bind the receiver-link port %1 (UDP): %2; it is most likely another tarv-host's: "
+                            "run one tarv-host per network namespace (scripts/lab runs several devices on one machine)")
+                 .arg(port)
+                 .arg(probe.errorString());
+    return false;
 }
 
 void HostDaemon::stop()

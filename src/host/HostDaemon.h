@@ -29,8 +29,8 @@ public:
     ~HostDaemon() override;
 
     // False with `error` for people when the device cannot run: data
-    // directory in use or unusable, a module that does not load, API
-    // address taken. A discovery failure is logged and the host runs on.
+    // directory in use or unusable, the receiver-link port taken, a module
+    // that does not load, API address taken. A discovery failure is logged and the host runs on.
     bool start(QString* error);
     // Stops the API and discovery and saves unsaved settings. The host
     // worker and the modules stay: module objects keep using the host's
@@ -44,6 +44,8 @@ public:
 private:
     // Runs the event loop for ModuleStartUpMs without serving sockets.
     void runModuleStartUp();
+    // The receiver link's UDP port must be free before the modules load.
+    static bool checkRequestPort(quint16 port, QString* error);
 
     HostConfig m_config;
     HostSettingsStore m_store;

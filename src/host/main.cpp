@@ -39,11 +39,18 @@ int main(int argc, char** argv)
         std::fputs(qPrintable(HostConfig::helpText()), stdout);
         return 0;
     }
+    if (config.versionRequested()) {
+        std::printf("tarv-host %s\n", TARV_HOST_VERSION);
+        return 0;
+    }
     QString logProblem;
     if (!TarvLog::init(config.logConfig(), &logProblem)) {
         std::fprintf(stderr, "tarv-host: --log-config: %s\nTry 'tarv-host --help'.\n", qPrintable(logProblem));
         return 2;
     }
+    if (config.logLevel() != log4cplus::NOT_SET_LOG_LEVEL)
+        TarvLog::setRootLevel(config.logLevel());
+    TarvLog::installQtMessageHandler();
 
     UnixSignalWatcher signalWatcher({SIGINT, SIGTERM});
     tarvConnect(&signalWatcher, &UnixSignalWatcher::signalReceived, &app, [](int number) {
@@ -58,8 +65,10 @@ int main(int argc, char** argv)
         daemon.stop();
         return 1;
     }
+    // Printed, not logged: scripts wait for this exact line on stderr
+    // whatever the log configuration, and with the default one a logged
+    // copy would show it twice.
     const QString ready = QStringLiteral("tarv-host ready: api %1 id %2").arg(daemon.apiUrl(), daemon.id());
-    LOG4CPLUS_INFO(logger(), ready);
     std::fprintf(stderr, "%s\n", qPrintable(ready));
     std::fflush(stderr);
 

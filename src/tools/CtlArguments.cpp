@@ -26,6 +26,7 @@ const QList<OptionInfo>& optionInfos()
         {QStringLiteral("int"), true, {QStringLiteral("set")}},
         {QStringLiteral("name"), true, {QStringLiteral("join")}},
         {QStringLiteral("host"), true, {QStringLiteral("join")}},
+        {QStringLiteral("no-wait"), false, {QStringLiteral("join"), QStringLiteral("leave"), QStringLiteral("ui")}},
     };
     return infos;
 }
@@ -63,8 +64,13 @@ QString CtlArguments::usage()
         "  set PATH --string S           write {\"string_\": S}\n"
         "  set PATH --int N              write {\"i32_\": N}\n"
         "  invoke PATH [VALUE]           invoke the action at PATH with VALUE (JSON, default {})\n"
-        "  join ID [--name N] [--host H] ask this device to join transcoder ID (invokes /grouping/request)\n"
-        "  leave                         ask this device to leave its group (invokes /grouping/request)\n"
+        "  status                        this device's role, master, followers and saved group, then every\n"
+        "                                device of the LAN with its role and saved group\n"
+        "  join NAME|ID [--name N] [--host H]\n"
+        "                                make this device join transcoder NAME or ID (invokes\n"
+        "                                /grouping/request) and wait until it follows it\n"
+        "  leave                         make this device leave its group and wait until it follows\n"
+        "                                nobody\n"
         "  save NAME [DEVICE...]         save the group NAME of this device and DEVICEs (ids or names from\n"
         "                                /system/members); no DEVICE clears the saved group\n"
         "  group                         the saved group (members, time) and whom this device follows\n"
@@ -74,8 +80,10 @@ QString CtlArguments::usage()
         "                                until interrupted\n"
         "  ui                            the device's grouping list (/ui/grouping) as a user sees it\n"
         "  ui --watch                    print it, then again at every change, until interrupted\n"
-        "  ui join NAME|ID               join a transcoder of the list through its join action\n"
-        "  ui leave                      leave the group through the list's leave action\n"
+        "  ui join NAME|ID               join a transcoder of the list through its join action and wait\n"
+        "                                until this device follows it\n"
+        "  ui leave                      leave the group through the list's leave action and wait until\n"
+        "                                this device follows nobody\n"
         "\n"
         "Options:\n"
         "  --api URL          the host's control API (default: $TARV_API, else http://127.0.0.1:8080)\n"
@@ -83,6 +91,9 @@ QString CtlArguments::usage()
         "  --timeout-ms N     invoke, join, leave, save, ui join, ui leave: the host's bound for the reply\n"
         "                     (default 5000); watch, ui --watch: stop after N ms; other commands: how\n"
         "                     long to wait for the answer (default 10000)\n"
+        "                     join, leave, ui join, ui leave: also how long to wait for the change\n"
+        "  --no-wait          join, leave, ui join, ui leave: print the host's answer at once, without\n"
+        "                     waiting for the change\n"
         "  --count N          watch: stop after N events; ui --watch: after N lists\n"
         "  --verbose          log each request and answer on stderr\n"
         "  -h, --help         show this help\n"
@@ -91,7 +102,8 @@ QString CtlArguments::usage()
         "\n"
         "Exit codes:\n"
         "  0  success\n"
-        "  1  the host refused the request (its error is printed) or answered with something unusable\n"
+        "  1  the host refused the request (its error is printed) or answered with something unusable;\n"
+        "     join, leave: the device did not change within --timeout-ms\n"
         "  2  usage error: unknown command or option, missing argument, bad JSON value\n"
         "  3  cannot connect to the host (or the connection broke)\n"
         "  4  timeout: no answer, no reply within the bound, or fewer events than --count\n"
@@ -101,6 +113,8 @@ QString CtlArguments::usage()
         "  tarvctl set /settings/device/name --string kitchen\n"
         "  tarvctl get /system/member\n"
         "  tarvctl rows /grouping/members\n"
+        "  tarvctl status\n"
+        "  tarvctl join kitchen\n"
         "  tarvctl ui join kitchen\n"
         "  tarvctl invoke /grouping/request '{\"groupingRequest\": {\"command\": -1}}'\n"
         "  tarvctl save Home kitchen 3f2c...\n"
@@ -199,6 +213,8 @@ bool CtlArguments::checkUi()
         return fail(QStringLiteral("ui %1: --watch is only for the list itself; %2").arg(action, usage));
     if (m_options.contains(QStringLiteral("count")) && !m_options.contains(QStringLiteral("watch")))
         return fail(QStringLiteral("ui: --count needs --watch"));
+    if (action.isEmpty() && m_options.contains(QStringLiteral("no-wait")))
+        return fail(QStringLiteral("ui: --no-wait is only for ui join and ui leave; %1").arg(usage));
     return true;
 }
 
@@ -213,10 +229,11 @@ bool CtlArguments::checkCommand()
     };
     static const QList<CommandInfo> commands{
         {QStringLiteral("host"), 0, 0, QStringLiteral("host")},
+        {QStringLiteral("status"), 0, 0, QStringLiteral("status")},
         {QStringLiteral("get"), 1, 1, QStringLiteral("get PATH")},
         {QStringLiteral("set"), 1, 2, QStringLiteral("set PATH VALUE | set PATH --string S | set PATH --int N")},
         {QStringLiteral("invoke"), 1, 2, QStringLiteral("invoke PATH [VALUE]")},
-        {QStringLiteral("join"), 1, 1, QStringLiteral("join ID [--name N] [--host H]")},
+        {QStringLiteral("join"), 1, 1, QStringLiteral("join NAME|ID [--name N] [--host H] [--no-wait]")},
         {QStringLiteral("leave"), 0, 0, QStringLiteral("leave")},
         // A saved group has at most 64 members.
         {QStringLiteral("save"), 1, 65, QStringLiteral("save NAME [DEVICE...]")},
@@ -280,7 +297,7 @@ bool CtlArguments::checkCommand()
             return fail(QStringLiteral("set: give only one of VALUE, --string S and --int N"));
     }
     if (m_command == QLatin1String("join") && m_arguments.first().isEmpty())
-        return fail(QStringLiteral("join: the transcoder's ID is empty"));
+        return fail(QStringLiteral("join: the transcoder's NAME or ID is empty"));
     if (m_command == QLatin1String("ui") && !checkUi())
         return false;
 

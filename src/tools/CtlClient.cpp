@@ -14,10 +14,10 @@
 
 #include <httplib.h>
 
+#include "TarvJson.h"
 #include "TarvLog.h"
 
 #include "CtlEventStream.h"
-#include "CtlJson.h"
 
 namespace {
 
@@ -109,7 +109,7 @@ CtlReply CtlClient::value(const QString& path)
 
 CtlReply CtlClient::setValue(const QString& path, const QJsonValue& value)
 {
-    return call("PUT", QStringLiteral("/api/v1/value"), {{QStringLiteral("path"), path}}, CtlJson::toBytes(value),
+    return call("PUT", QStringLiteral("/api/v1/value"), {{QStringLiteral("path"), path}}, TarvJson::toBytes(value),
                 m_timeoutMs, {QStringLiteral("value")});
 }
 
@@ -120,7 +120,7 @@ CtlReply CtlClient::invoke(const QString& path, const QJsonValue& value, int tim
         query.append({QStringLiteral("timeout_ms"), QString::number(timeoutMs)});
     // Waiting longer than the host's bound lets the host's 504 arrive.
     const int bound = timeoutMs >= 0 ? timeoutMs : defaultInvokeTimeoutMs();
-    return call("POST", QStringLiteral("/api/v1/invoke"), query, CtlJson::toBytes(value), bound + 2000,
+    return call("POST", QStringLiteral("/api/v1/invoke"), query, TarvJson::toBytes(value), bound + 2000,
                 {QStringLiteral("result")});
 }
 
@@ -226,7 +226,7 @@ CtlReply CtlClient::call(const char* method, const QString& endpoint, const Quer
         }
     } else if (response.status >= 200 && response.status < 300) {
         QJsonValue document;
-        if (!CtlJson::parse(answer, &document, nullptr) || !document.isObject()) {
+        if (!TarvJson::parseValue(answer, &document, nullptr) || !document.isObject()) {
             reply = CtlReply::badResponse(response.status,
                                           QStringLiteral("the answer to %1 %2 is not a JSON object: %3")
                                               .arg(QString::fromLatin1(method), where, snippet(answer)),
@@ -261,13 +261,13 @@ CtlReply CtlClient::errorFromAnswer(int status, const QByteArray& body) const
     QString title;
     QString message;
     QJsonValue document;
-    CtlJson::parse(body, &document, nullptr);
+    TarvJson::parseValue(body, &document, nullptr);
     const QJsonValue error = document.toObject().value(QStringLiteral("error"));
     if (error.isObject()) {
         const QJsonObject object = error.toObject();
         const auto text = [&object](const char* key) {
             const QJsonValue value = object.value(QLatin1String(key));
-            return value.isString() ? value.toString() : (value.isUndefined() ? QString() : CtlJson::toText(value));
+            return value.isString() ? value.toString() : (value.isUndefined() ? QString() : TarvJson::toText(value));
         };
         name = text("name");
         title = text("title");
@@ -399,5 +399,23 @@ CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, i
         LOG4CPLUS_WARN(logger(), "Dropped " << stream.droppedLines() << " over-long event stream lines");
     if (!reply.isOk() && reply.kind() != CtlReply::Timeout)
         LOG4CPLUS_WARN(logger(), "GET " << where << " failed: " << reply.describe());
+    return reply;
+}
+
+CtlReply CtlClient::actAndAwait(const std::function<CtlReply()>& act,
+                                const std::function<bool(const CtlEvent&)>& arrived, int timeoutMs,
+                                CtlReply* actReply)
+{
+    bool acted = false;
+    const auto onOpen = [&]() {
+        *actReply = act();
+        acted = true;
+        return actReply->isOk();
+    };
+    const CtlReply reply = watch([&](const CtlEvent& event) { return !arrived(event); }, timeoutMs, onOpen);
+    if (acted && !actReply->isOk())
+        return *actReply;
+    if (!acted)
+        *actReply = reply;
     return reply;
 }

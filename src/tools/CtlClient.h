@@ -58,6 +58,14 @@ public:
     CtlReply watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs = -1,
                    const std::function<bool()>& onOpen = std::function<bool()>());
 
+    // Runs `act` (a request that should change something) once the host has
+    // subscribed this client to its events, so that no change it causes can
+    // be missed, then follows the events until `arrived` accepts one (Ok) or
+    // `timeoutMs` passes (Timeout). The act's own reply goes to `actReply`;
+    // when it failed nothing is awaited and it is also the answer.
+    CtlReply actAndAwait(const std::function<CtlReply()>& act, const std::function<bool(const CtlEvent&)>& arrived,
+                         int timeoutMs, CtlReply* actReply);
+
 private:
     using Query = QList<QPair<QString, QString>>;
 

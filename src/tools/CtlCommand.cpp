@@ -2,7 +2,6 @@
 
 #include <QDateTime>
 #include <QJsonArray>
-#include <QJsonDocument>
 
 #include "TarvEnums.h"
 #include "TarvJson.h"
@@ -11,7 +10,6 @@
 #include "TarvValue.h"
 
 #include "CtlFormatter.h"
-#include "CtlJson.h"
 
 #ifndef TARVCTL_VERSION
 #define TARVCTL_VERSION "unknown"
@@ -36,7 +34,28 @@ bool underPrefix(const QString& path, const QString& prefix)
 
 QJsonObject toJsonObject(const TarvHash& record)
 {
-    return QJsonDocument::fromJson(record.toJson()).object();
+    return TarvJson::fromVariant(record.toVariant()).toObject();
+}
+
+// True for a rows event of /grouping/members whose new row is `ownId`'s
+// and names `masterId` as its master.
+bool ownMasterIs(const CtlEvent& event, const QString& ownId, const QString& masterId)
+{
+    if (event.name != QLatin1String("rows") || CtlFormatter::eventPath(event) != TarvGroupingMembersPath().toString())
+        return false;
+    QJsonValue data;
+    if (!TarvJson::parseValue(event.data, &data, nullptr))
+        return false;
+    const QJsonObject row = data.toObject().value(QStringLiteral("new")).toObject();
+    if (row.value(QStringLiteral("id")).toString() != ownId)
+        return false;
+    const TarvValue value(TarvJson::toVariant(row.value(QStringLiteral("value"))).toHash());
+    return value.groupingMember().master().id() == masterId;
+}
+
+QString nameOf(const TarvSystemMember& member)
+{
+    return member.name().isEmpty() ? member.id() : member.name();
 }
 
 } // namespace
@@ -79,11 +98,11 @@ CtlExitCode::Enum CtlCommand::fail(const CtlReply& reply)
     if (m_arguments.json() && !reply.rawBody().isEmpty()) {
         // Scripts asking for JSON get the host's error object as well.
         QJsonValue body;
-        if (CtlJson::parse(reply.rawBody(), &body, nullptr))
-            m_out << CtlJson::toText(body, true) << '\n';
+        if (TarvJson::parseValue(reply.rawBody(), &body, nullptr))
+            m_out << TarvJson::toText(body, true) << '\n';
     }
     m_out.flush();
-    m_err << "tarvctl: " << CtlFormatter::printable(reply.describe()) << '\n';
+    m_err << "tarvctl: " << CtlFormatter::printable(CtlFormatter::toolHints(reply.describe())) << '\n';
     m_err.flush();
     return reply.exitCode();
 }
@@ -94,7 +113,7 @@ CtlExitCode::Enum CtlCommand::finish(const CtlReply& reply,
     if (!reply.isOk())
         return fail(reply);
     if (m_arguments.json())
-        m_out << CtlJson::toText(reply.body(), true) << '\n';
+        m_out << TarvJson::toText(reply.body(), true) << '\n';
     else
         m_out << CtlFormatter::printable(readable(reply.body())) << '\n';
     m_out.flush();
@@ -132,6 +151,8 @@ CtlExitCode::Enum CtlCommand::execute()
     const QString path = m_arguments.arguments().value(0);
     if (command == QLatin1String("host"))
         return finish(m_client.host(), &CtlFormatter::host);
+    if (command == QLatin1String("status"))
+        return runStatus();
     if (command == QLatin1String("get")) {
         return finish(m_client.value(path), [](const QJsonObject& answer) {
             return CtlFormatter::value(answer.value(QStringLiteral("value")));
@@ -170,7 +191,7 @@ CtlExitCode::Enum CtlCommand::runSet()
         value = toJsonObject(TarvValue().setI32_(m_arguments.option(QStringLiteral("int")).toInt()));
     } else {
         QString error;
-        if (!CtlJson::parse(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
+        if (!TarvJson::parseValue(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
             return usageError(QStringLiteral("set: VALUE is not valid JSON (%1): %2; for a plain text use --string")
                                   .arg(error, m_arguments.arguments().at(1)));
         }
@@ -186,7 +207,7 @@ CtlExitCode::Enum CtlCommand::runInvoke()
     QJsonValue value = QJsonObject();
     if (m_arguments.arguments().size() > 1) {
         QString error;
-        if (!CtlJson::parse(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
+        if (!TarvJson::parseValue(m_arguments.arguments().at(1).toUtf8(), &value, &error)) {
             return usageError(
                 QStringLiteral("invoke: VALUE is not valid JSON (%1): %2").arg(error, m_arguments.arguments().at(1)));
         }
@@ -195,39 +216,155 @@ CtlExitCode::Enum CtlCommand::runInvoke()
                   [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
 }
 
-CtlExitCode::Enum CtlCommand::invokeGrouping(const TarvGroupingRequest& request)
+CtlReply CtlCommand::invokeGrouping(const TarvGroupingRequest& request)
 {
     const QJsonObject value = toJsonObject(TarvValue().setGroupingRequest(request));
-    return finish(m_client.invoke(TarvGroupingRequestPath().toString(), value, m_arguments.timeoutMs()),
-                  [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
+    return m_client.invoke(TarvGroupingRequestPath().toString(), value, m_arguments.timeoutMs());
+}
+
+CtlExitCode::Enum CtlCommand::requestChange(const std::function<CtlReply()>& act, const Expect& expect,
+                                            const std::function<QString(const QJsonObject&)>& readable)
+{
+    if (m_arguments.hasOption(QStringLiteral("no-wait")))
+        return finish(act(), readable);
+    QString ownId;
+    TarvSystemMember master;
+    CtlExitCode::Enum code = CtlExitCode::Ok;
+    if (!readOwnGrouping(&ownId, &master, &code))
+        return code;
+    const Expectation expected = expect(ownId, master);
+    const int waitMs = m_arguments.timeoutMs() > 0 ? m_arguments.timeoutMs() : CtlClient::defaultInvokeTimeoutMs();
+    CtlReply answer;
+    const CtlReply outcome = m_client.actAndAwait(act, expected.arrived, waitMs, &answer);
+    if (!answer.isOk())
+        return fail(answer);
+    if (outcome.kind() == CtlReply::Timeout && outcome.httpStatus() == 0) {
+        // The request was taken, but the module checks it later and only
+        // logs a refusal; the missing change is all a client can see.
+        LOG4CPLUS_DEBUG(logger(), "No change within " << waitMs << " ms");
+        m_err << "tarvctl: no change: the device refused (see its log)\n";
+        m_err.flush();
+        return CtlExitCode::ApiError;
+    }
+    if (!outcome.isOk())
+        return fail(outcome);
+    const QString done = expected.done;
+    return finish(answer, [done](const QJsonObject&) { return done; });
+}
+
+CtlCommand::Expect CtlCommand::joining(const QString& masterId, const QString& name)
+{
+    return [masterId, name](const QString& ownId, const TarvSystemMember&) {
+        return Expectation{[ownId, masterId](const CtlEvent& event) { return ownMasterIs(event, ownId, masterId); },
+                           QStringLiteral("joined ") + name};
+    };
+}
+
+CtlCommand::Expect CtlCommand::leaving()
+{
+    // A device that follows nobody has nothing to leave: the module does
+    // nothing, and the wait ends in "no change".
+    return [](const QString& ownId, const TarvSystemMember& master) {
+        return Expectation{[ownId](const CtlEvent& event) { return ownMasterIs(event, ownId, ownId); },
+                           QStringLiteral("left ") + nameOf(master)};
+    };
+}
+
+bool CtlCommand::readOwnGrouping(QString* ownId, TarvSystemMember* master, CtlExitCode::Enum* exitCode)
+{
+    const CtlReply host = m_client.host();
+    const QString id = host.body().value(QStringLiteral("id")).toString();
+    if (host.isOk() && id.isEmpty()) {
+        m_err << "tarvctl: the host did not say its id\n";
+        m_err.flush();
+        *exitCode = CtlExitCode::ApiError;
+        return false;
+    }
+    if (!host.isOk()) {
+        *exitCode = fail(host);
+        return false;
+    }
+    const CtlReply members = m_client.rows(TarvGroupingMembersPath().toString());
+    if (!members.isOk()) {
+        *exitCode = fail(members);
+        return false;
+    }
+    *ownId = id;
+    *master = TarvSystemMember();
+    for (const QJsonValue& row : members.body().value(QStringLiteral("rows")).toArray()) {
+        const QJsonObject object = row.toObject();
+        if (object.value(QStringLiteral("id")).toString() != id)
+            continue;
+        const TarvValue value(TarvJson::toVariant(object.value(QStringLiteral("value"))).toHash());
+        *master = value.groupingMember().master();
+    }
+    return true;
+}
+
+CtlExitCode::Enum CtlCommand::runStatus()
+{
+    const CtlReply host = m_client.host();
+    if (!host.isOk())
+        return fail(host);
+    const CtlReply members = m_client.rows(TarvSystemMembersPath().toString());
+    if (!members.isOk())
+        return fail(members);
+    const CtlReply grouping = m_client.rows(TarvGroupingMembersPath().toString());
+    if (!grouping.isOk())
+        return fail(grouping);
+    const QJsonObject status = CtlFormatter::statusOf(host.body(), members.body(), grouping.body());
+    m_out << (m_arguments.json() ? TarvJson::toText(status, true) : CtlFormatter::printable(CtlFormatter::status(status)))
+          << '\n';
+    m_out.flush();
+    return CtlExitCode::Ok;
 }
 
 CtlExitCode::Enum CtlCommand::runJoin()
 {
-    const QString id = m_arguments.arguments().at(0);
+    const QString nameOrId = m_arguments.arguments().at(0);
     TarvSystemMember master;
-    master.setId(id);
+    master.setId(nameOrId);
     const bool named = m_arguments.hasOption(QStringLiteral("name"));
     const bool hosted = m_arguments.hasOption(QStringLiteral("host"));
     if (!named || !hosted) {
         // The transcoder's name and host name come from the device list,
-        // as the module's own join action takes them.
-        QList<TarvSystemMember> members;
-        const CtlReply read = readSystemMembers(&members);
-        if (!read.isOk())
-            return fail(read);
-        TarvSystemMember known;
-        for (const TarvSystemMember& member : qAsConst(members)) {
-            if (member.id() == id) {
-                known = member;
-                break;
-            }
+        // as the module's own join action takes them; the user may name it
+        // by its id or, when no other device has that name, by its name.
+        const CtlReply members = m_client.rows(TarvSystemMembersPath().toString());
+        if (!members.isOk())
+            return fail(members);
+        QList<TarvSystemMember> byId;
+        QList<TarvSystemMember> byName;
+        for (const QJsonValue& row : members.body().value(QStringLiteral("rows")).toArray()) {
+            const QJsonObject object = row.toObject();
+            const TarvSystemMember known =
+                TarvValue(TarvJson::toVariant(object.value(QStringLiteral("value"))).toHash()).systemMember();
+            if (object.value(QStringLiteral("id")).toString() == nameOrId)
+                byId.append(known.id().isEmpty() ? TarvSystemMember(known).setId(nameOrId) : known);
+            else if (known.name() == nameOrId && !known.id().isEmpty())
+                byName.append(known);
         }
-        if (known.isEmpty() && !hosted) {
-            return apiError(QStringLiteral("join: no device with id '%1' in %2; give --name and --host to join it anyway")
-                                .arg(id, TarvSystemMembersPath().toString()));
+        const QList<TarvSystemMember> found = byId.isEmpty() ? byName : byId;
+        QString problem;
+        if (found.size() > 1) {
+            QStringList ids;
+            for (const TarvSystemMember& member : found)
+                ids.append(member.id());
+            problem = QStringLiteral("join: %1 devices are named '%2'; give the id: %3")
+                          .arg(found.size())
+                          .arg(nameOrId, ids.join(QStringLiteral(", ")));
+        } else if (found.isEmpty() && !hosted) {
+            problem = QStringLiteral("join: no device with the id or name '%1' in %2 (tarvctl status lists them); "
+                                     "give --name and --host to join it anyway")
+                          .arg(nameOrId, TarvSystemMembersPath().toString());
         }
-        master.setName(known.name()).setHost(known.host());
+        if (!problem.isEmpty()) {
+            m_err << "tarvctl: " << CtlFormatter::printable(problem) << '\n';
+            m_err.flush();
+            return CtlExitCode::ApiError;
+        }
+        if (!found.isEmpty())
+            master.setId(found.first().id()).setName(found.first().name()).setHost(found.first().host());
     }
     if (named)
         master.setName(m_arguments.option(QStringLiteral("name")));
@@ -235,14 +372,20 @@ CtlExitCode::Enum CtlCommand::runJoin()
         master.setHost(m_arguments.option(QStringLiteral("host")));
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Join).setMaster(master);
-    return invokeGrouping(request);
+    return requestChange([this, request]() { return invokeGrouping(request); }, joining(master.id(), nameOf(master)),
+                         [](const QJsonObject& answer) {
+                             return CtlFormatter::value(answer.value(QStringLiteral("result")));
+                         });
 }
 
 CtlExitCode::Enum CtlCommand::runLeave()
 {
     TarvGroupingRequest request;
     request.setCommand(TarvGroupingRequestCommand::Leave);
-    return invokeGrouping(request);
+    return requestChange([this, request]() { return invokeGrouping(request); }, leaving(),
+                         [](const QJsonObject& answer) {
+                             return CtlFormatter::value(answer.value(QStringLiteral("result")));
+                         });
 }
 
 CtlReply CtlCommand::readSystemMembers(QList<TarvSystemMember>* members)
@@ -404,11 +547,11 @@ CtlExitCode::Enum CtlCommand::runWatch()
             return true;
         if (m_arguments.json()) {
             QJsonValue data;
-            CtlJson::parse(event.data, &data, nullptr);
+            TarvJson::parseValue(event.data, &data, nullptr);
             QJsonObject object;
             object.insert(QStringLiteral("event"), event.name);
             object.insert(QStringLiteral("data"), data);
-            m_out << CtlJson::toText(object) << '\n';
+            m_out << TarvJson::toText(object) << '\n';
         } else {
             m_out << CtlFormatter::printable(line) << '\n';
         }
@@ -445,8 +588,11 @@ CtlExitCode::Enum CtlCommand::runUi()
             return runUiWatch();
         return finish(m_client.rows(TarvGroupingUIPath().toString()), &CtlFormatter::groupingView);
     }
-    if (arguments.first() == QLatin1String("leave"))
-        return activateUiAction(TarvGroupingUILeavePath().toString(), QStringLiteral("leave: done"));
+    if (arguments.first() == QLatin1String("leave")) {
+        const QString path = TarvGroupingUILeavePath().toString();
+        return requestChange([this, path]() { return activateUiAction(path); }, leaving(),
+                             [](const QJsonObject&) { return QStringLiteral("leave: done"); });
+    }
     return runUiJoin(arguments.at(1));
 }
 
@@ -499,13 +645,16 @@ CtlExitCode::Enum CtlCommand::runUiJoin(const QString& nameOrId)
         m_out.flush();
         return CtlExitCode::Ok;
     }
-    return activateUiAction(row.value(QStringLiteral("path")).toString(), QStringLiteral("join %1: done").arg(target));
+    const QString path = row.value(QStringLiteral("path")).toString();
+    const QString done = QStringLiteral("join %1: done").arg(target);
+    return requestChange([this, path]() { return activateUiAction(path); },
+                         joining(row.value(QStringLiteral("id")).toString(), CtlFormatter::transcoderName(row)),
+                         [done](const QJsonObject&) { return done; });
 }
 
-CtlExitCode::Enum CtlCommand::activateUiAction(const QString& path, const QString& done)
+CtlReply CtlCommand::activateUiAction(const QString& path)
 {
-    return finish(m_client.invoke(path, QJsonObject(), m_arguments.timeoutMs()),
-                  [done](const QJsonObject&) { return done; });
+    return m_client.invoke(path, QJsonObject(), m_arguments.timeoutMs());
 }
 
 CtlExitCode::Enum CtlCommand::runUiWatch()
@@ -528,7 +677,7 @@ CtlExitCode::Enum CtlCommand::runUiWatch()
             return true;
         lastShown = list.body();
         if (m_arguments.json())
-            m_out << CtlJson::toText(list.body()) << '\n';
+            m_out << TarvJson::toText(list.body()) << '\n';
         else
             m_out << (shown > 0 ? QStringLiteral("\n") : QString())
                   << CtlFormatter::printable(CtlFormatter::groupingView(list.body())) << '\n';

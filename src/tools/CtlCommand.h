@@ -9,6 +9,7 @@
 
 #include "CtlArguments.h"
 #include "CtlClient.h"
+#include "CtlEvent.h"
 #include "CtlExitCode.h"
 #include "TarvGroupingRequest.h"
 #include "TarvSystemMember.h"
@@ -40,6 +41,7 @@ private:
 
     CtlExitCode::Enum runSet();
     CtlExitCode::Enum runInvoke();
+    CtlExitCode::Enum runStatus();
     CtlExitCode::Enum runJoin();
     CtlExitCode::Enum runLeave();
     // Saves a group on the device: NAME, then devices by id or by name
@@ -59,13 +61,43 @@ private:
     CtlExitCode::Enum runUi();
     CtlExitCode::Enum runUiJoin(const QString& nameOrId);
     CtlExitCode::Enum runUiWatch();
-    // Activates one of the grouping list's actions and prints what it
-    // answered: `done` when it was carried out, the refusal otherwise.
-    CtlExitCode::Enum activateUiAction(const QString& path, const QString& done);
+    // Activates one of the grouping list's actions.
+    CtlReply activateUiAction(const QString& path);
     // Invokes the grouping-request action with `request` in a value union
     // ({"groupingRequest": {"command": 1, "master": {...}}}, the form the
-    // module writes and reads) and prints the result like invoke.
-    CtlExitCode::Enum invokeGrouping(const TarvGroupingRequest& request);
+    // module writes and reads).
+    CtlReply invokeGrouping(const TarvGroupingRequest& request);
+
+    // What a request asking the device for a change should bring: the
+    // event that shows it, and the line printed when it came.
+    struct Expectation
+    {
+        std::function<bool(const CtlEvent&)> arrived;
+        QString done;
+    };
+    // Given this device's id and the master it follows now (empty when its
+    // own row names none), what to wait for.
+    using Expect = std::function<Expectation(const QString& ownId, const TarvSystemMember& master)>;
+
+    // Runs `act`, a request asking the device for a change. With --no-wait
+    // its answer is printed at once through `readable`. Otherwise the host's
+    // events are followed, up to --timeout-ms, until the expected change
+    // shows: then its `done` line is printed (the answer's JSON with
+    // --json); without it the run ends with "no change: the device refused
+    // (see its log)" (exit 1), because the host's answer only says that the
+    // request was taken.
+    CtlExitCode::Enum requestChange(const std::function<CtlReply()>& act, const Expect& expect,
+                                    const std::function<QString(const QJsonObject&)>& readable);
+    // This device's id, and the master its own row of /grouping/members
+    // names. False when the host could not tell; the failure is printed and
+    // its exit code put in `exitCode`.
+    bool readOwnGrouping(QString* ownId, TarvSystemMember* master, CtlExitCode::Enum* exitCode);
+    // A join: this device's own row of /grouping/members comes to name
+    // `masterId` as its master ("joined NAME").
+    static Expect joining(const QString& masterId, const QString& name);
+    // A leave: the own row comes to name the device itself ("left NAME" of
+    // the master it followed).
+    static Expect leaving();
 
     QTextStream& m_out;
     QTextStream& m_err;

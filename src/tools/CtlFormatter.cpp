@@ -1,6 +1,8 @@
 #include "CtlFormatter.h"
 
+#include <QHash>
 #include <QJsonArray>
+#include <QRegularExpression>
 #include <QStringList>
 
 #include "TarvEnums.h"
@@ -8,7 +10,6 @@
 #include "TarvPaths.h"
 #include "TarvValue.h"
 
-#include "CtlJson.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ QString text(const QJsonValue& value)
             return QString::number(qint64(number));
         return QString::number(number);
     }
-    return CtlJson::toText(value);
+    return TarvJson::toText(value);
 }
 
 TarvValue toValue(const QJsonValue& value)
@@ -60,9 +61,55 @@ QString memberSummary(const TarvSystemMember& member)
     return line;
 }
 
+QJsonObject idAndName(const QString& id, const QString& name)
+{
+    QJsonObject object;
+    object.insert(QStringLiteral("id"), id);
+    object.insert(QStringLiteral("name"), name);
+    return object;
+}
+
+// "NAME [ID]", or the id alone when no name is known.
+QString named(const QJsonValue& device)
+{
+    const QString id = text(device.toObject().value(QStringLiteral("id")));
+    const QString name = text(device.toObject().value(QStringLiteral("name")));
+    return name.isEmpty() || name == id ? id : QStringLiteral("%1 [%2]").arg(name, id);
+}
+
+QString namedList(const QJsonValue& devices)
+{
+    QStringList names;
+    for (const QJsonValue& device : devices.toArray())
+        names.append(named(device));
+    return names.isEmpty() ? QStringLiteral("none") : names.join(QStringLiteral(", "));
+}
+
 QString pad(const QString& cell, int width)
 {
     return cell.leftJustified(width, QLatin1Char(' '));
+}
+
+// Lines of four cells each, the first three padded to line up, trailing
+// blanks dropped.
+QStringList aligned(const QList<QStringList>& cells, const QString& indent)
+{
+    int widths[3] = {0, 0, 0};
+    for (const QStringList& line : cells) {
+        for (int column = 0; column < 3; ++column)
+            widths[column] = qMax(widths[column], line.at(column).size());
+    }
+    QStringList lines;
+    for (const QStringList& line : cells) {
+        QString out = indent;
+        for (int column = 0; column < 3; ++column)
+            out += pad(line.at(column), widths[column]) + QStringLiteral("  ");
+        out += line.at(3);
+        while (out.endsWith(QLatin1Char(' ')))
+            out.chop(1);
+        lines.append(out);
+    }
+    return lines;
 }
 
 } // namespace
@@ -94,7 +141,7 @@ QString CtlFormatter::value(const QJsonValue& value)
     if (value.isString())
         return value.toString();
     if (!value.isObject())
-        return CtlJson::toText(value, true);
+        return TarvJson::toText(value, true);
     const QJsonObject object = value.toObject();
     if (object.isEmpty())
         return QStringLiteral("(no value)");
@@ -105,9 +152,9 @@ QString CtlFormatter::value(const QJsonValue& value)
         if (object.contains(TarvValue::I32_()) && view.isDouble())
             return text(view);
         if (view.isObject())
-            return CtlJson::toText(view, true);
+            return TarvJson::toText(view, true);
     }
-    return CtlJson::toText(value, true);
+    return TarvJson::toText(value, true);
 }
 
 QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
@@ -126,7 +173,7 @@ QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
         } else if (object.contains(TarvValue::I32_()) && view.isDouble()) {
             line = text(view);
         } else if (!view.isObject()) {
-            line = CtlJson::toText(json);
+            line = TarvJson::toText(json);
         } else if (object.contains(TarvValue::GroupingMember())) {
             const TarvGroupingMember member = value.groupingMember();
             line = QStringLiteral("follower %1 -> master %2")
@@ -155,10 +202,10 @@ QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
             if (!state.id().isEmpty())
                 line += QStringLiteral(" (%1)").arg(state.id());
         } else {
-            line = CtlJson::toText(json);
+            line = TarvJson::toText(json);
         }
     } else {
-        line = CtlJson::toText(json);
+        line = TarvJson::toText(json);
     }
     return elide(line, maxChars);
 }
@@ -191,7 +238,7 @@ QString CtlFormatter::rowType(const QJsonValue& type)
 QString CtlFormatter::rowLine(const QJsonValue& row)
 {
     if (!row.isObject())
-        return QStringLiteral("(not a row: %1)").arg(elide(CtlJson::toText(row), 60));
+        return QStringLiteral("(not a row: %1)").arg(elide(TarvJson::toText(row), 60));
     const QJsonObject object = row.toObject();
     QString line = summary(object.value(QStringLiteral("value")));
     const QString path = text(object.value(QStringLiteral("path")));
@@ -212,22 +259,7 @@ QString CtlFormatter::table(const QJsonArray& rows, const QString& indent)
                       printable(rowType(object.value(QStringLiteral("type")))),
                       printable(elide(text(object.value(QStringLiteral("title"))), maxCell)), rowLine(row)});
     }
-    int widths[3] = {0, 0, 0};
-    for (const QStringList& line : cells) {
-        for (int column = 0; column < 3; ++column)
-            widths[column] = qMax(widths[column], line.at(column).size());
-    }
-    QStringList lines;
-    for (const QStringList& line : cells) {
-        QString out = indent;
-        for (int column = 0; column < 3; ++column)
-            out += pad(line.at(column), widths[column]) + QStringLiteral("  ");
-        out += line.at(3);
-        while (out.endsWith(QLatin1Char(' ')))
-            out.chop(1);
-        lines.append(out);
-    }
-    return lines.join(QLatin1Char('\n'));
+    return aligned(cells, indent).join(QLatin1Char('\n'));
 }
 
 QString CtlFormatter::rows(const QJsonObject& answer)
@@ -243,6 +275,106 @@ QString CtlFormatter::rows(const QJsonObject& answer)
     if (rows.isEmpty())
         return heading;
     return heading + QLatin1Char('\n') + table(rows, QString());
+}
+
+QJsonObject CtlFormatter::statusOf(const QJsonObject& host, const QJsonObject& members, const QJsonObject& grouping)
+{
+    const QString ownId = text(host.value(QStringLiteral("id")));
+    QList<TarvSystemMember> devices;
+    QHash<QString, QString> names;
+    for (const QJsonValue& row : members.value(QStringLiteral("rows")).toArray()) {
+        TarvSystemMember device = toValue(row.toObject().value(QStringLiteral("value"))).systemMember();
+        if (device.id().isEmpty())
+            device.setId(text(row.toObject().value(QStringLiteral("id"))));
+        devices.append(device);
+        names.insert(device.id(), device.name());
+    }
+    const auto role = [](const TarvSystemMember& device) {
+        return device.transcoder() ? QStringLiteral("transcoder") : QStringLiteral("receiver");
+    };
+    const auto savedGroup = [&names](const TarvSystemMember& device) {
+        QJsonArray group;
+        for (const QString& id : device.persistentGroupMembers())
+            group.append(idAndName(id, names.value(id)));
+        return group;
+    };
+
+    QJsonObject status;
+    status.insert(QStringLiteral("id"), ownId);
+    status.insert(QStringLiteral("name"), text(host.value(QStringLiteral("name"))));
+    status.insert(QStringLiteral("role"), QString());
+    status.insert(QStringLiteral("savedGroup"), QJsonArray());
+    QJsonArray listed;
+    for (const TarvSystemMember& device : devices) {
+        QJsonObject entry = idAndName(device.id(), device.name());
+        entry.insert(QStringLiteral("host"), device.host());
+        entry.insert(QStringLiteral("ipAddress"), device.ipAddress());
+        entry.insert(QStringLiteral("role"), role(device));
+        entry.insert(QStringLiteral("savedGroup"), savedGroup(device));
+        listed.append(entry);
+        if (device.id() == ownId) {
+            status.insert(QStringLiteral("role"), role(device));
+            status.insert(QStringLiteral("savedGroup"), savedGroup(device));
+        }
+    }
+    QJsonValue master = QJsonValue::Null;
+    QJsonArray followers;
+    for (const QJsonValue& row : grouping.value(QStringLiteral("rows")).toArray()) {
+        const TarvGroupingMember member = toValue(row.toObject().value(QStringLiteral("value"))).groupingMember();
+        const QString id = text(row.toObject().value(QStringLiteral("id")));
+        if (id == ownId)
+            master = idAndName(member.master().id(), member.master().name());
+        else
+            followers.append(idAndName(id, member.follower().name()));
+    }
+    status.insert(QStringLiteral("master"), master);
+    status.insert(QStringLiteral("followers"), followers);
+    status.insert(QStringLiteral("devices"), listed);
+    return status;
+}
+
+QString CtlFormatter::status(const QJsonObject& status)
+{
+    const QString ownId = text(status.value(QStringLiteral("id")));
+    const QString role = text(status.value(QStringLiteral("role")));
+    const QJsonValue master = status.value(QStringLiteral("master"));
+    QString masterLine = QStringLiteral("none");
+    if (master.isObject())
+        masterLine = text(master.toObject().value(QStringLiteral("id"))) == ownId ? QStringLiteral("itself")
+                                                                                   : named(master);
+    QStringList lines{
+        QStringLiteral("This device: ") + named(status),
+        QStringLiteral("  role:         ") + (role.isEmpty() ? QStringLiteral("not listed yet") : role),
+        QStringLiteral("  master:       ") + masterLine,
+        QStringLiteral("  followers:    ") + namedList(status.value(QStringLiteral("followers"))),
+        QStringLiteral("  saved group:  ") + namedList(status.value(QStringLiteral("savedGroup"))),
+    };
+    const QJsonArray devices = status.value(QStringLiteral("devices")).toArray();
+    lines.append(QStringLiteral("Devices on the LAN: %1").arg(devices.size()));
+    QList<QStringList> cells;
+    for (const QJsonValue& device : devices) {
+        const QJsonObject object = device.toObject();
+        const QString id = text(object.value(QStringLiteral("id")));
+        const QJsonArray group = object.value(QStringLiteral("savedGroup")).toArray();
+        QString notes = id == ownId ? QStringLiteral("this device") : QString();
+        if (!group.isEmpty())
+            notes += (notes.isEmpty() ? QString() : QStringLiteral(", ")) + QStringLiteral("saved group: ")
+                + namedList(group);
+        cells.append({text(object.value(QStringLiteral("name"))), QLatin1Char('[') + id + QLatin1Char(']'),
+                      text(object.value(QStringLiteral("role"))), notes});
+    }
+    lines.append(aligned(cells, QStringLiteral("  ")));
+    return lines.join(QLatin1Char('\n'));
+}
+
+QString CtlFormatter::toolHints(const QString& message)
+{
+    static const QRegularExpression rowsHint(QStringLiteral("read it with GET /api/v1/rows\\?path=(\\S+)"));
+    static const QRegularExpression valueHint(QStringLiteral("read it with GET /api/v1/value\\?path=(\\S+)"));
+    QString text = message;
+    text.replace(rowsHint, QStringLiteral("read it with tarvctl rows \\1"));
+    text.replace(valueHint, QStringLiteral("read it with tarvctl get \\1"));
+    return text;
 }
 
 QString CtlFormatter::transcoderName(const QJsonObject& row)
@@ -296,7 +428,7 @@ QString CtlFormatter::tree(const QJsonObject& answer)
     const QJsonValue nodesValue = answer.value(QStringLiteral("nodes"));
     const QJsonValue valuesValue = answer.value(QStringLiteral("values"));
     if (!nodesValue.isArray() && !valuesValue.isArray())
-        return CtlJson::toText(answer, true);
+        return TarvJson::toText(answer, true);
 
     QStringList lines;
     const QJsonArray nodes = nodesValue.toArray();
@@ -339,7 +471,7 @@ QString CtlFormatter::tree(const QJsonObject& answer)
 QString CtlFormatter::eventPath(const CtlEvent& event)
 {
     QJsonValue data;
-    if (!CtlJson::parse(event.data, &data, nullptr))
+    if (!TarvJson::parseValue(event.data, &data, nullptr))
         return QString();
     const QJsonValue path = data.toObject().value(QStringLiteral("path"));
     return path.isString() ? path.toString() : QString();
@@ -348,7 +480,7 @@ QString CtlFormatter::eventPath(const CtlEvent& event)
 QString CtlFormatter::event(const CtlEvent& event, bool* wellFormed)
 {
     QJsonValue data;
-    const bool parsed = CtlJson::parse(event.data, &data, nullptr) && data.isObject();
+    const bool parsed = TarvJson::parseValue(event.data, &data, nullptr) && data.isObject();
     if (wellFormed)
         *wellFormed = parsed;
     if (!parsed) {
@@ -382,7 +514,7 @@ QString CtlFormatter::event(const CtlEvent& event, bool* wellFormed)
             line += QStringLiteral(": ") + shown;
         return line;
     }
-    return QStringLiteral("%1 %2").arg(event.name, CtlJson::toText(data));
+    return QStringLiteral("%1 %2").arg(event.name, TarvJson::toText(data));
 }
 
 QString CtlFormatter::printable(const QString& text)

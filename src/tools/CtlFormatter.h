@@ -36,6 +36,15 @@ public:
     // this device follows (its row leads to the leave action).
     static QString transcoderName(const QJsonObject& row);
     static bool isFollowedTranscoder(const QJsonObject& row);
+    // `status --json`: this device and the LAN from the answers of
+    // /api/v1/host and the rows of /system/members and /grouping/members:
+    // {"id", "name", "role", "master": {"id", "name"}, "followers": [...],
+    //  "savedGroup": [...], "devices": [{"id", "name", "host", "ipAddress",
+    //  "role", "savedGroup"}]}, every device named as {"id", "name"}. A role
+    // is "transcoder", "receiver", or "" when the device is not listed.
+    static QJsonObject statusOf(const QJsonObject& host, const QJsonObject& members, const QJsonObject& grouping);
+    // `status`: the same, readable on one screen.
+    static QString status(const QJsonObject& status);
     // `tree`: every node with kind, title and rows, then the value paths.
     static QString tree(const QJsonObject& answer);
     // One line for an event of the stream; `wellFormed` (when given) tells
@@ -43,6 +52,10 @@ public:
     static QString event(const CtlEvent& event, bool* wellFormed = nullptr);
     // The path an event is about; empty when its data names none.
     static QString eventPath(const CtlEvent& event);
+    // A host's message with the hints it gives to HTTP clients ("read it
+    // with GET /api/v1/rows?path=P") told as the tarvctl command that does
+    // it ("read it with tarvctl rows P").
+    static QString toolHints(const QString& message);
     // `text` safe for a terminal: control characters other than newline and
     // tab (escape sequences among them) shown as \uXXXX. Names and messages
     // come from other devices and must not drive the user's terminal.

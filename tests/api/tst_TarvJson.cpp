@@ -1,5 +1,7 @@
 #include <malloc.h>
 
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QtTest>
 
 #include <tarv>
@@ -339,7 +341,134 @@ private Q_SLOTS:
         QCOMPARE(value.toHash().value(QStringLiteral("inner")).userType(), int(QMetaType::QVariantHash));
         QCOMPARE(TarvJson::toVariant(QJsonValue(QStringLiteral("s"))), QVariant(QStringLiteral("s")));
     }
+
+    // After the leak measurements, which want the heap as the parser alone leaves it.
+    // Single values, scalars included, as tarvctl reads them.
+    void parsesAnySingleValue_data();
+    void parsesAnySingleValue();
+    void refusesWhatIsNotOneValue_data();
+    void refusesWhatIsNotOneValue();
+    void writesScalarsAndRecords_data();
+    void writesScalarsAndRecords();
+    // Request bodies: one object, or nothing.
+    void requestBodyMustBeOneObject_data();
+    void requestBodyMustBeOneObject();
+    void variantsAsTheHostHoldsThemBecomeJson();
 };
+
+void tst_TarvJson::parsesAnySingleValue_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QJsonValue>("value");
+    QTest::newRow("object") << QByteArray(R"({"i32_": 5000})") << QJsonValue(QJsonObject{{"i32_", 5000}});
+    QTest::newRow("array") << QByteArray("[1, 2]") << QJsonValue(QJsonArray{1, 2});
+    QTest::newRow("number") << QByteArray("-5") << QJsonValue(-5);
+    QTest::newRow("string") << QByteArray(R"("dev1")") << QJsonValue("dev1");
+    QTest::newRow("true") << QByteArray("true") << QJsonValue(true);
+    QTest::newRow("null") << QByteArray("null") << QJsonValue(QJsonValue::Null);
+    QTest::newRow("spaces") << QByteArray("  {}\n") << QJsonValue(QJsonObject());
+    QTest::newRow("utf-8") << QByteArray("\"k\xc3\xbc\x63he\"") << QJsonValue(QString::fromUtf8("k\xc3\xbc\x63he"));
+}
+
+void tst_TarvJson::parsesAnySingleValue()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QJsonValue, value);
+    QJsonValue parsed;
+    QString error;
+    QVERIFY2(TarvJson::parseValue(text, &parsed, &error), qPrintable(error));
+    QCOMPARE(parsed, value);
+}
+
+void tst_TarvJson::refusesWhatIsNotOneValue_data()
+{
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("empty") << QByteArray("") << "no JSON value";
+    QTest::newRow("two values") << QByteArray("1, 2") << "more than one JSON value";
+    QTest::newRow("bare word") << QByteArray("dev1") << "illegal number at character 1";
+    QTest::newRow("unterminated") << QByteArray(R"({"a": 1)") << "invalid termination by number at character 8";
+    QTest::newRow("bracket escape") << QByteArray("1]") << "garbage at the end of the document at character 3";
+}
+
+void tst_TarvJson::refusesWhatIsNotOneValue()
+{
+    QFETCH(QByteArray, text);
+    QFETCH(QString, error);
+    QJsonValue parsed(42);
+    QString why;
+    QVERIFY(!TarvJson::parseValue(text, &parsed, &why));
+    QCOMPARE(why, error);
+    QCOMPARE(parsed, QJsonValue(42)); // untouched
+}
+
+void tst_TarvJson::writesScalarsAndRecords_data()
+{
+    QTest::addColumn<QJsonValue>("value");
+    QTest::addColumn<QByteArray>("compact");
+    QTest::newRow("object") << QJsonValue(QJsonObject{{"string_", "a"}}) << QByteArray(R"({"string_":"a"})");
+    QTest::newRow("array") << QJsonValue(QJsonArray{1, "x"}) << QByteArray(R"([1,"x"])");
+    QTest::newRow("number") << QJsonValue(-5) << QByteArray("-5");
+    QTest::newRow("string") << QJsonValue("a\"b") << QByteArray(R"("a\"b")");
+    QTest::newRow("bool") << QJsonValue(true) << QByteArray("true");
+    QTest::newRow("null") << QJsonValue() << QByteArray("null");
+    QTest::newRow("undefined") << QJsonValue(QJsonValue::Undefined) << QByteArray("null");
+}
+
+void tst_TarvJson::writesScalarsAndRecords()
+{
+    QFETCH(QJsonValue, value);
+    QFETCH(QByteArray, compact);
+    QCOMPARE(TarvJson::toBytes(value), compact);
+    QJsonValue back;
+    QVERIFY(TarvJson::parseValue(TarvJson::toBytes(value, true), &back, nullptr));
+    QCOMPARE(back, value.isUndefined() ? QJsonValue() : value);
+}
+
+
+void tst_TarvJson::requestBodyMustBeOneObject_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<bool>("accepted");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("object") << QByteArray(R"({"string_": "Kitchen"})") << true << QString();
+    QTest::newRow("empty") << QByteArray("  \n") << true << QString();
+    QTest::newRow("array") << QByteArray("[1]") << false
+                           << R"(The request body must be one JSON object, e.g. {"string_": "Kitchen"})";
+    QTest::newRow("bare text") << QByteArray("Kitchen") << false
+                               << "The request body is not valid JSON (at byte 1: illegal value); it must be one JSON "
+                                  "object";
+}
+
+void tst_TarvJson::requestBodyMustBeOneObject()
+{
+    QFETCH(QByteArray, body);
+    QFETCH(bool, accepted);
+    QFETCH(QString, error);
+    QVariantHash result{{QStringLiteral("stale"), 1}};
+    QString why;
+    QCOMPARE(TarvJson::parseObject(body, &result, &why), accepted);
+    QCOMPARE(why, error);
+    if (accepted) {
+        TarvError parseError;
+        const QByteArray object = body.trimmed().isEmpty() ? QByteArray("{}") : body;
+        QCOMPARE(result, TarvJson::parse(object, parseError, nullptr).toHash());
+    } else {
+        QCOMPARE(result, QVariantHash({{QStringLiteral("stale"), 1}})); // untouched
+    }
+}
+
+void tst_TarvJson::variantsAsTheHostHoldsThemBecomeJson()
+{
+    QVariantHash hash;
+    hash.insert(QStringLiteral("path"), QVariant::fromValue(CMPath(QStringLiteral("/a/b"))));
+    hash.insert(QStringLiteral("list"), QVariantList{1, QStringLiteral("x")});
+    hash.insert(QStringLiteral("record"), QVariant::fromValue(TarvHash(TarvValue().setI32_(5))));
+    const QJsonValue json = TarvJson::fromVariant(hash);
+    QCOMPARE(TarvJson::toBytes(json.toObject().value(QStringLiteral("path"))), QByteArray(R"("/a/b")"));
+    QCOMPARE(TarvJson::toBytes(json.toObject().value(QStringLiteral("list"))), QByteArray(R"([1,"x"])"));
+    QCOMPARE(TarvJson::toBytes(json.toObject().value(QStringLiteral("record"))), QByteArray(R"({"i32_":5})"));
+}
 
 QTEST_GUILESS_MAIN(tst_TarvJson)
 #include "tst_TarvJson.moc"

@@ -63,13 +63,67 @@ private Q_SLOTS:
         QCOMPARE(child.status, QProcess::NormalExit);
         QCOMPARE(child.exitCode, 0);
         const QRegularExpression info(
-            QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d{3} INFO  Probe \\[tst_TarvLog\\.cpp:\\d+ [^\\]]*childMain[^\\]]*\\] "
+            QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} INFO  Probe \\[tst_TarvLog\\.cpp:\\d+ [^\\]]*childMain[^\\]]*\\] "
                            "shown info$"),
             QRegularExpression::MultilineOption);
         QVERIFY2(info.match(child.stderrText).hasMatch(), qPrintable(child.stderrText));
         QVERIFY2(child.stderrText.contains(QStringLiteral("ERROR Probe [tst_TarvLog.cpp:")), qPrintable(child.stderrText));
         QVERIFY(!child.stderrText.contains(QStringLiteral("hidden debug")));
         QVERIFY(child.stdoutText.isEmpty());
+    }
+
+    void qtMessagesGoThroughTheLoggerQt()
+    {
+        const ChildResult child = runChildScenario(QStringLiteral("qt"));
+        QVERIFY(child.finished);
+        QCOMPARE(child.exitCode, 0);
+        const QRegularExpression warning(
+            QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} WARN  Qt \\[[^\\]]*\\] qt warning 5$"),
+            QRegularExpression::MultilineOption);
+        QVERIFY2(warning.match(child.stderrText).hasMatch(), qPrintable(child.stderrText));
+        QVERIFY2(child.stderrText.contains(QStringLiteral("ERROR Qt [")), qPrintable(child.stderrText));
+        QVERIFY2(!child.stderrText.contains(QStringLiteral("qt debug")), qPrintable(child.stderrText));
+        // Exactly the three lines above the root level: nothing printed twice by Qt itself.
+        QCOMPARE(child.stderrText.count(QLatin1Char('\n')), 3);
+    }
+
+    void levelNamesAreReadAsLog4cplusWritesThem_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<bool>("valid");
+        QTest::addColumn<int>("level");
+        QTest::newRow("TRACE") << "TRACE" << true << int(log4cplus::TRACE_LOG_LEVEL);
+        QTest::newRow("debug") << "debug" << true << int(log4cplus::DEBUG_LOG_LEVEL);
+        QTest::newRow("Info") << "Info" << true << int(log4cplus::INFO_LOG_LEVEL);
+        QTest::newRow("WARN") << "WARN" << true << int(log4cplus::WARN_LOG_LEVEL);
+        QTest::newRow("error") << "error" << true << int(log4cplus::ERROR_LOG_LEVEL);
+        QTest::newRow("FATAL") << "FATAL" << true << int(log4cplus::FATAL_LOG_LEVEL);
+        QTest::newRow("off") << "off" << true << int(log4cplus::OFF_LOG_LEVEL);
+        QTest::newRow("WARNING") << "WARNING" << false << 0;
+        QTest::newRow("empty") << "" << false << 0;
+        QTest::newRow("number") << "20000" << false << 0;
+    }
+
+    void levelNamesAreReadAsLog4cplusWritesThem()
+    {
+        QFETCH(QString, name);
+        QFETCH(bool, valid);
+        QFETCH(int, level);
+        log4cplus::LogLevel parsed = log4cplus::NOT_SET_LOG_LEVEL;
+        QCOMPARE(TarvLog::parseLevel(name, &parsed), valid);
+        if (valid)
+            QCOMPARE(int(parsed), level);
+        else
+            QCOMPARE(parsed, log4cplus::NOT_SET_LOG_LEVEL);
+    }
+
+    void rootLevelSetAfterInitRules()
+    {
+        const ChildResult child = runChildScenario(QStringLiteral("level:WARN"));
+        QVERIFY(child.finished);
+        QCOMPARE(child.exitCode, 0);
+        QVERIFY2(!child.stderrText.contains(QStringLiteral("shown info")), qPrintable(child.stderrText));
+        QVERIFY2(child.stderrText.contains(QStringLiteral("ERROR Probe [tst_TarvLog.cpp:")), qPrintable(child.stderrText));
     }
 
     void propertiesFileSetsTheLevels()
@@ -125,6 +179,21 @@ static int childMain(const QString& scenario)
     if (scenario == QLatin1String("default")) {
         TarvLog::init();
         LOG4CPLUS_DEBUG(probe, "hidden debug");
+        LOG4CPLUS_INFO(probe, "shown info");
+        LOG4CPLUS_ERROR(probe, "shown error");
+    } else if (scenario == QLatin1String("qt")) {
+        TarvLog::init();
+        TarvLog::installQtMessageHandler();
+        qDebug("qt debug %d", 1);
+        qInfo("qt info %d", 2);
+        qWarning("qt warning %d", 5);
+        qCritical("qt critical %d", 6);
+    } else if (scenario.startsWith(QLatin1String("level:"))) {
+        TarvLog::init();
+        log4cplus::LogLevel level = log4cplus::NOT_SET_LOG_LEVEL;
+        if (!TarvLog::parseLevel(scenario.mid(int(strlen("level:"))), &level))
+            return 4;
+        TarvLog::setRootLevel(level);
         LOG4CPLUS_INFO(probe, "shown info");
         LOG4CPLUS_ERROR(probe, "shown error");
     } else if (scenario.startsWith(QLatin1String("properties:"))) {

@@ -58,7 +58,7 @@ QStringList HostProcess::arguments(const QStringList& extraArguments)
     QStringList arguments{QStringLiteral("--data-dir"), m_dataDirectory,
                           QStringLiteral("--api"), QStringLiteral("127.0.0.1:0"),
                           QStringLiteral("--address"), QStringLiteral("127.0.0.1"),
-                          QStringLiteral("--host-name"), QStringLiteral("127.0.0.1"),
+                          QStringLiteral("--host-name"), m_hostName,
                           QStringLiteral("--request-port"), QString::number(m_requestPort),
                           QStringLiteral("--discovery-group"), QStringLiteral("239.255.77.77:%1").arg(m_startDiscoveryPort)};
     if (!m_module.isEmpty())

@@ -27,8 +27,12 @@ public:
     // default) picks a free one at every start.
     void setDiscoveryPort(int port) { m_discoveryPort = port; }
     // The receiver link's port; 0 (the default) picks a free one at every
-    // start. A port the test holds keeps the module's listener deaf.
+    // start. A port that is taken keeps the host from starting.
     void setRequestPort(int port) { m_fixedRequestPort = port; }
+    // How other devices reach this one (default 127.0.0.1). A name that
+    // does not resolve keeps the devices that join it from sending to it:
+    // on one loopback they would reach their own listeners.
+    void setHostName(const QString& hostName) { m_hostName = hostName; }
 
     // The whole command line start() runs, for running the binary in other
     // ways; the ports are those of the last start(), or new ones before it.
@@ -63,4 +67,5 @@ private:
     int m_discoveryPort = 0;
     int m_fixedRequestPort = 0;
     int m_startDiscoveryPort = 0;
+    QString m_hostName = QStringLiteral("127.0.0.1");
 };

@@ -113,8 +113,26 @@ private Q_SLOTS:
         const QString help = HostConfig::helpText();
         for (const char* option : {"--module", "--config", "--id", "--name", "--host-name", "--address", "--data-dir",
                                    "--api", "--request-port", "--resend-ms", "--timeout-ms", "--discovery-ms",
-                                   "--discovery-group", "--log-config", "--help"})
+                                   "--discovery-group", "--log-config", "--log-level", "--help", "--version"})
             QVERIFY2(help.contains(QLatin1String(option)), option);
+    }
+
+    void logLevelIsReadInAnyCase()
+    {
+        HostConfig config;
+        QString error;
+        QCOMPARE(config.logLevel(), log4cplus::NOT_SET_LOG_LEVEL);
+        QVERIFY2(config.parse(args({"--log-level", "debug"}), &error), qPrintable(error));
+        QCOMPARE(config.logLevel(), log4cplus::DEBUG_LOG_LEVEL);
+    }
+
+    void versionIsRecognised()
+    {
+        HostConfig config;
+        QString error;
+        QVERIFY(config.parse(args({"--version"}), &error));
+        QVERIFY(config.versionRequested());
+        QVERIFY(!config.helpRequested());
     }
 
     void configFileGivesValuesAndTheCommandLineWins()
@@ -264,6 +282,9 @@ private Q_SLOTS:
         QTest::newRow("missing log config")
             << QStringList{"--log-config", "/nonexistent/log.properties"}
             << "--log-config: cannot read /nonexistent/log.properties: No such file or directory";
+        QTest::newRow("unknown log level")
+            << QStringList{"--log-level", "LOUD"}
+            << "--log-level: 'LOUD' is not a level (TRACE, DEBUG, INFO, WARN, ERROR, FATAL or OFF)";
         QTest::newRow("missing config file")
             << QStringList{"--config", "/nonexistent/host.json"}
             << "cannot read config file /nonexistent/host.json: No such file or directory";

@@ -13,6 +13,7 @@
 #include <QNetworkInterface>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QUdpSocket>
@@ -84,6 +85,14 @@ private Q_SLOTS:
         QCOMPARE(code, 0);
         QVERIFY(out.startsWith("Usage: tarv-host [options]\n"));
         QVERIFY(out.contains("--discovery-group ADDR:PORT"));
+        QVERIFY(err.isEmpty());
+    }
+
+    void versionPrintsTheVersionAndExitsCleanly()
+    {
+        const auto [code, out, err] = run({"--version"});
+        QCOMPARE(code, 0);
+        QCOMPARE(out, QStringLiteral("tarv-host %1\n").arg(QStringLiteral(TARV_HOST_VERSION)));
         QVERIFY(err.isEmpty());
     }
 
@@ -200,6 +209,87 @@ private Q_SLOTS:
                                              "already in use\n")
                                   .arg(taken.serverPort())),
                  qPrintable(err));
+    }
+
+    // A QTcpServer does not set SO_REUSEPORT; a second tarv-host would, and
+    // with it both would listen and share the requests.
+    void aSecondHostOnTheSameApiPortExitsAndTheFirstKeepsEveryRequest()
+    {
+        const auto first = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(first->start({}, &error), qPrintable(error));
+        const auto second = makeHost(QStringLiteral("b"));
+        QStringList arguments = second->arguments();
+        arguments[arguments.indexOf("127.0.0.1:0")] = QStringLiteral("127.0.0.1:%1").arg(first->apiPort());
+        const auto [code, out, err] = run(arguments);
+        QCOMPARE(code, 1);
+        QVERIFY2(err.endsWith(QStringLiteral("tarv-host: cannot listen on 127.0.0.1:%1 for the control API: Address "
+                                             "already in use\n")
+                                  .arg(first->apiPort())),
+                 qPrintable(err));
+        for (int i = 0; i < 8; ++i)
+            QCOMPARE(get(*first, "/api/v1/host").value("id").toString(), first->id());
+        QVERIFY2(first->stop(), qPrintable(first->output()));
+    }
+
+    // The module's listener cannot bind a taken port and says nothing, so
+    // the host itself refuses to run with it, before any module is loaded.
+    void aSecondHostOnTheSameRequestPortExitsNamingThePortAndTheWayOut()
+    {
+        const int requestPort = HostProcess::freeUdpPort();
+        const auto first = makeHost(QStringLiteral("a"), QStringLiteral(TARV_TEST_GROUPING_MODULE));
+        const auto second = makeHost(QStringLiteral("b"), QStringLiteral(TARV_TEST_GROUPING_MODULE));
+        first->setRequestPort(requestPort);
+        second->setRequestPort(requestPort);
+        QString error;
+        QVERIFY2(first->start({}, &error), qPrintable(error));
+        const auto [code, out, err] = run(second->arguments());
+        QCOMPARE(code, 1);
+        QVERIFY2(err.endsWith(QStringLiteral("tarv-host: cannot bind the receiver-link port %1 (UDP): The bound address "
+                                             "is already in use; it is most likely another tarv-host's: run one "
+                                             "tarv-host per network namespace (scripts/lab runs several devices on "
+                                             "one machine)\n")
+                                  .arg(requestPort)),
+                 qPrintable(err));
+        QVERIFY2(!err.contains("Loaded module"), qPrintable(err));
+        QVERIFY2(first->stop(), qPrintable(first->output()));
+    }
+
+    void logLinesCarryTheDate_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::newRow("default") << QStringList();
+        QTest::newRow("shipped log.properties") << QStringList{"--log-config", TARV_SHIPPED_LOG_PROPERTIES};
+    }
+
+    // Date, time, level, logger, [file:line function], message: the form
+    // the lab's log reader parses too.
+    void logLinesCarryTheDate()
+    {
+        QFETCH(QStringList, arguments);
+        const auto host = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(host->start(arguments, &error), qPrintable(error));
+        const QRegularExpression line(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} INFO  "
+                                                     "HostDaemon \\[HostDaemon\\.cpp:\\d+ [^\\]]+\\] Data directory "),
+                                      QRegularExpression::MultilineOption);
+        QVERIFY2(line.match(host->output()).hasMatch(), qPrintable(host->output()));
+        QCOMPARE(host->output().count(QStringLiteral("tarv-host ready")), 1);
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+    }
+
+    void logLevelOverridesTheRootLevel()
+    {
+        const auto host = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(host->start({"--log-config", TARV_SHIPPED_LOG_PROPERTIES, "--log-level", "warn"}, &error),
+                 qPrintable(error));
+        QVERIFY2(!host->output().contains(QStringLiteral("Data directory")), qPrintable(host->output()));
+        QCOMPARE(host->output().count(QStringLiteral("tarv-host ready")), 1);
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+        QVERIFY2(host->start({"--log-level", "DEBUG"}, &error), qPrintable(error));
+        QVERIFY2(host->output().contains(QStringLiteral("Data directory")), qPrintable(host->output()));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 
     void aCorruptSettingsFileIsSetAsideAndTheHostStarts()

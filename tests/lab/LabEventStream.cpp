@@ -4,12 +4,12 @@
 
 #include <QDateTime>
 #include <QEventLoop>
-#include <QJsonDocument>
 #include <QNetworkProxy>
 #include <QNetworkRequest>
 #include <QTimer>
 
 #include "TarvConnect.h"
+#include "TarvJson.h"
 
 LabEventStream::LabEventStream(const QString& baseUrl, QObject* parent)
     : QObject(parent)
@@ -51,9 +51,7 @@ void LabEventStream::close()
         m_reply->deleteLater();
         m_reply.clear();
     }
-    m_buffer.clear();
-    m_name.clear();
-    m_data.clear();
+    m_parser = CtlEventStream();
 }
 
 bool LabEventStream::isOpen() const
@@ -63,36 +61,18 @@ bool LabEventStream::isOpen() const
 
 void LabEventStream::onReadyRead()
 {
-    m_buffer.append(m_reply->readAll());
-    int end;
-    while ((end = m_buffer.indexOf('\n')) >= 0) {
-        QByteArray line = m_buffer.left(end);
-        m_buffer.remove(0, end + 1);
-        takeLine(line);
+    const qint64 receivedMs = QDateTime::currentMSecsSinceEpoch();
+    const qint64 receivedUs = steadyUs();
+    for (const CtlEvent& parsed : m_parser.feed(m_reply->readAll())) {
+        LabEvent event;
+        event.name = parsed.name;
+        QJsonValue data;
+        TarvJson::parseValue(parsed.data, &data, nullptr);
+        event.data = data.toObject();
+        event.receivedMs = receivedMs;
+        event.receivedUs = receivedUs;
+        m_events.append(event);
     }
-}
-
-void LabEventStream::takeLine(QByteArray line)
-{
-    if (line.endsWith('\r'))
-        line.chop(1);
-    if (line.isEmpty()) {
-        if (!m_data.isEmpty()) {
-            LabEvent event;
-            event.name = m_name;
-            event.data = QJsonDocument::fromJson(m_data).object();
-            event.receivedMs = QDateTime::currentMSecsSinceEpoch();
-            event.receivedUs = steadyUs();
-            m_events.append(event);
-        }
-        m_name.clear();
-        m_data.clear();
-        return;
-    }
-    if (line.startsWith("event:"))
-        m_name = QString::fromUtf8(line.mid(6).trimmed());
-    else if (line.startsWith("data:"))
-        m_data.append(line.mid(5).trimmed());
 }
 
 int LabEventStream::waitFor(const std::function<bool(const LabEvent&)>& match, int from, int timeoutMs)

@@ -10,10 +10,12 @@
 #include <QPointer>
 #include <QString>
 
+#include "CtlEventStream.h"
 #include "LabEvent.h"
 
 // A device's GET /api/v1/events, kept open and recorded: every event with the
-// time it arrived. Waiting runs the event loop with a deadline.
+// time it arrived, read by tarvctl's own parser of the stream. Waiting runs
+// the event loop with a deadline.
 class LabEventStream : public QObject
 {
 public:
@@ -42,13 +44,10 @@ public:
 
 private:
     void onReadyRead();
-    void takeLine(QByteArray line);
 
     QString m_base;
     QNetworkAccessManager m_network;
     QPointer<QNetworkReply> m_reply;
-    QByteArray m_buffer;
-    QString m_name;
-    QByteArray m_data;
+    CtlEventStream m_parser;
     QList<LabEvent> m_events;
 };

@@ -101,9 +101,11 @@ void CannedServer::handle(const httplib::Request& request, httplib::Response& re
         std::lock_guard<std::mutex> lock(m_mutex);
         m_received.append(received);
         const QString key = received.method + QLatin1Char(' ') + received.path;
-        found = m_canned.contains(key);
+        // An answer for one path of an endpoint wins over the endpoint's.
+        const QString pathKey = key + QStringLiteral("?path=") + received.params.value(QStringLiteral("path"));
+        found = m_canned.contains(pathKey) || m_canned.contains(key);
         if (found)
-            canned = m_canned.value(key);
+            canned = m_canned.value(m_canned.contains(pathKey) ? pathKey : key);
     }
     if (!found) {
         response.status = 404;

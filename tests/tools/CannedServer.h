@@ -37,7 +37,9 @@ public:
     int port() const { return m_port; }
     QString api() const;
 
-    // Answers `method` on `endpoint` (e.g. "GET", "/api/v1/host").
+    // Answers `method` on `endpoint` (e.g. "GET", "/api/v1/host"); an
+    // endpoint given with its path parameter ("/api/v1/rows?path=/a")
+    // answers for that path only.
     void answer(const QString& method, const QString& endpoint, int status, const QByteArray& body,
                 const QString& contentType = QStringLiteral("application/json"));
     // Answers only after release() (or the server's end): a host that never replies.

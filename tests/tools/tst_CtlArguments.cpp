@@ -32,7 +32,12 @@ void tst_CtlArguments::acceptsEveryCommandForm_data()
                                        << QStringList{"/x", "{}"};
     QTest::newRow("join") << QStringList{"join", "id-1", "--name", "dev2", "--host", "h2"} << "join"
                           << QStringList{"id-1"};
+    QTest::newRow("join by name without waiting") << QStringList{"join", "kitchen", "--no-wait"} << "join"
+                                                  << QStringList{"kitchen"};
     QTest::newRow("leave") << QStringList{"leave"} << "leave" << QStringList{};
+    QTest::newRow("leave without waiting") << QStringList{"leave", "--no-wait"} << "leave" << QStringList{};
+    QTest::newRow("status json") << QStringList{"status", "--json"} << "status" << QStringList{};
+    QTest::newRow("ui leave without waiting") << QStringList{"ui", "leave", "--no-wait"} << "ui" << QStringList{"leave"};
     QTest::newRow("rows") << QStringList{"rows", "/grouping/members"} << "rows" << QStringList{"/grouping/members"};
     QTest::newRow("tree json") << QStringList{"--json", "tree"} << "tree" << QStringList{};
     QTest::newRow("watch") << QStringList{"watch"} << "watch" << QStringList{};
@@ -91,7 +96,7 @@ void tst_CtlArguments::usageErrorsSayWhatIsWrong_data()
     QTest::newRow("zero count") << QStringList{"watch", "--count", "0"} << "--count needs a positive whole number, not '0'";
     QTest::newRow("bad timeout") << QStringList{"host", "--timeout-ms", "-1"}
                                  << "--timeout-ms needs a positive whole number of milliseconds, not '-1'";
-    QTest::newRow("empty join id") << QStringList{"join", ""} << "join: the transcoder's ID is empty";
+    QTest::newRow("empty join id") << QStringList{"join", ""} << "join: the transcoder's NAME or ID is empty";
     QTest::newRow("leave surplus") << QStringList{"leave", "now"}
                                    << "leave: unexpected argument 'now'; usage: tarvctl leave";
     QTest::newRow("ui unknown action") << QStringList{"ui", "show"}
@@ -111,6 +116,13 @@ void tst_CtlArguments::usageErrorsSayWhatIsWrong_data()
     QTest::newRow("ui join watch") << QStringList{"ui", "join", "a", "--watch"}
                                    << "ui join: --watch is only for the list itself; usage: tarvctl ui [--watch] | ui "
                                       "join NAME|ID | ui leave";
+    QTest::newRow("no-wait elsewhere") << QStringList{"rows", "/a", "--no-wait"}
+                                       << "option --no-wait is only for join, leave, ui, not for rows";
+    QTest::newRow("ui list no-wait") << QStringList{"ui", "--no-wait"}
+                                     << "ui: --no-wait is only for ui join and ui leave; usage: tarvctl ui [--watch] | "
+                                        "ui join NAME|ID | ui leave";
+    QTest::newRow("status surplus") << QStringList{"status", "now"}
+                                    << "status: unexpected argument 'now'; usage: tarvctl status";
     QTest::newRow("ui count without watch") << QStringList{"ui", "--count", "1"} << "ui: --count needs --watch";
     QTest::newRow("watch elsewhere") << QStringList{"watch", "--watch"}
                                      << "option --watch is only for ui, not for watch";

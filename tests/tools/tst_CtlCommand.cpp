@@ -56,6 +56,19 @@ const QString transcodersListText = QStringLiteral("Transcoders\n"
                                                    "    twin         [t1]\n"
                                                    "    twin         [t2]\n");
 
+// The host of the waiting tests: this device is "me" and follows "a".
+const QByteArray meHost = R"({"id":"me","name":"dev3","host":"h3","address":"10.0.0.3","requestPort":41230,"version":"0.1.0"})";
+const QByteArray meFollowsA = R"({"path":"/grouping/members","title":"","rows":[
+    {"id":"me","type":101,"title":"dev3","value":{"groupingMember":{"follower":{"id":"me","name":"dev3"},"master":{"id":"a","name":"dev1"}}}}]})";
+
+// A rows event of /grouping/members whose new row is `follower`'s and names `master`.
+QByteArray ownRowEvent(const char* follower, const char* master)
+{
+    return QByteArray("event: rows\ndata: {\"path\":\"/grouping/members\",\"new\":{\"id\":\"") + follower
+        + "\",\"type\":101,\"value\":{\"groupingMember\":{\"follower\":{\"id\":\"" + follower
+        + "\"},\"master\":{\"id\":\"" + master + "\"}}}},\"old\":{}}\n\n";
+}
+
 const QByteArray completionReply =
     R"({"result":{"xclass":"TarvActionReply","result":{"path":"/ui/grouping"},"events":[{"path":"/ui/grouping","rowsType":1}]}})";
 
@@ -83,6 +96,16 @@ private Q_SLOTS:
     void joinTakesNameAndHostFromTheDeviceList();
     void joinWithNameAndHostAsksNothingElse();
     void joinOfAnUnknownDeviceSendsNothing();
+    void joinByNameOrIdWaitsUntilItsOwnRowNamesTheMaster_data();
+    void joinByNameOrIdWaitsUntilItsOwnRowNamesTheMaster();
+    void joinOfANameTwoDevicesHaveSendsNothing();
+    void joinWithoutTheChangeSaysTheDeviceRefused();
+    void joinRefusedByTheHostIsNotWaitedFor();
+    void leaveWaitsUntilItsOwnRowNamesItself();
+    void uiJoinAndUiLeaveWaitForTheChange();
+    void statusShowsThisDeviceAndTheLan();
+    void hintsNameTarvctlCommands_data();
+    void hintsNameTarvctlCommands();
     void uiPrintsTheGroupingList();
     void uiJoinActivatesTheJoinActionOfTheRow_data();
     void uiJoinActivatesTheJoinActionOfTheRow();
@@ -219,7 +242,7 @@ void tst_CtlCommand::leaveSendsTheLeaveCommand()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"leave"}, server.api());
+    const Run result = run({"leave", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
     QCOMPARE(server.received().size(), 1);
@@ -232,7 +255,7 @@ void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"join", "b", "--timeout-ms", "900"}, server.api());
+    const Run result = run({"join", "b", "--timeout-ms", "900", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     const QList<CannedServer::Received> received = server.received();
     QCOMPARE(received.size(), 2);
@@ -247,7 +270,7 @@ void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"join", "z", "--name", "far", "--host", "10.0.0.9"}, server.api());
+    const Run result = run({"join", "z", "--name", "far", "--host", "10.0.0.9", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
@@ -260,9 +283,204 @@ void tst_CtlCommand::joinOfAnUnknownDeviceSendsNothing()
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
     const Run result = run({"join", "nobody"}, server.api());
     QCOMPARE(result.exitCode, 1);
-    QCOMPARE(result.err, QString("tarvctl: join: no device with id 'nobody' in /system/members; give --name and "
-                                 "--host to join it anyway\n"));
+    QCOMPARE(result.err, QString("tarvctl: join: no device with the id or name 'nobody' in /system/members (tarvctl "
+                                 "status lists them); give --name and --host to join it anyway\n"));
     QCOMPARE(server.received().size(), 1); // the lookup only
+}
+
+void tst_CtlCommand::joinByNameOrIdWaitsUntilItsOwnRowNamesTheMaster_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::newRow("by id") << "b";
+    QTest::newRow("by name") << "dev2";
+}
+
+void tst_CtlCommand::joinByNameOrIdWaitsUntilItsOwnRowNamesTheMaster()
+{
+    QFETCH(QString, target);
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    // First the own row back to itself (the module leaves first), another
+    // device's row naming b, then the own row naming b.
+    server.stream("/api/v1/events",
+                  {": tarv-host events\n\n", ownRowEvent("me", "me"), ownRowEvent("x", "b"), ownRowEvent("me", "b")},
+                  true);
+    const Run result = run({"join", target, "--timeout-ms", "3000"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("joined dev2\n"));
+    const QList<CannedServer::Received> received = server.received();
+    QCOMPARE(received.size(), 5);
+    QCOMPARE(received.at(0).params.value("path"), QString("/system/members"));
+    QCOMPARE(received.at(1).path, QString("/api/v1/host"));
+    QCOMPARE(received.at(2).params.value("path"), QString("/grouping/members"));
+    QCOMPARE(received.at(3).path, QString("/api/v1/events"));
+    QCOMPARE(received.at(4).params.value("path"), QString("/grouping/request"));
+    QCOMPARE(QJsonDocument::fromJson(received.at(4).body).object(),
+             QJsonDocument::fromJson(R"({"groupingRequest":{"command":1,"master":{"id":"b","name":"dev2","host":"h2"}}})").object());
+}
+
+void tst_CtlCommand::joinOfANameTwoDevicesHaveSendsNothing()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/rows", 200, R"({"path":"/system/members","rows":[
+        {"id":"a","value":{"systemMember":{"id":"a","name":"twin","host":"h1"}}},
+        {"id":"b","value":{"systemMember":{"id":"b","name":"twin","host":"h2"}}}]})");
+    const Run result = run({"join", "twin"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: join: 2 devices are named 'twin'; give the id: a, b\n"));
+    QCOMPARE(server.received().size(), 1);
+}
+
+void tst_CtlCommand::joinWithoutTheChangeSaysTheDeviceRefused()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "a")}, true);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const Run result = run({"join", "b", "--timeout-ms", "400"}, server.api());
+    QVERIFY2(elapsed.elapsed() >= 400, qPrintable(QString::number(elapsed.elapsed())));
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
+    QCOMPARE(server.received().last().params.value("path"), QString("/grouping/request"));
+}
+
+void tst_CtlCommand::joinRefusedByTheHostIsNotWaitedFor()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 422,
+                  R"({"error":{"name":"Simple Grouping","title":"Error","message":"Missing grouping master id"}})");
+    server.stream("/api/v1/events", {": tarv-host events\n\n"}, true);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const Run result = run({"join", "b", "--timeout-ms", "5000"}, server.api());
+    QVERIFY2(elapsed.elapsed() < 3000, qPrintable(QString::number(elapsed.elapsed())));
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Missing grouping master id\n"));
+}
+
+void tst_CtlCommand::leaveWaitsUntilItsOwnRowNamesItself()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "a"), ownRowEvent("me", "me")}, true);
+    Run result = run({"leave", "--timeout-ms", "3000"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("left dev1\n"));
+    QCOMPARE(server.received().last().body, QByteArray(R"({"groupingRequest":{"command":-1}})"));
+
+    // --json: the host's answer, once the change came.
+    result = run({"leave", "--timeout-ms", "3000", "--json"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(parseObject(result.out), QJsonObject({{"result", true}}));
+}
+
+void tst_CtlCommand::uiJoinAndUiLeaveWaitForTheChange()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/ui/grouping", 200, transcodersList);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, completionReply);
+    server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "c-3")}, true);
+    Run result = run({"ui", "join", "kitchen", "--timeout-ms", "3000"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("joined kitchen\n"));
+    QCOMPARE(server.received().last().params.value("path"), QString("/ui/grouping/joinTranscoder/c-3"));
+
+    // The same events do not show a leave.
+    result = run({"ui", "leave", "--timeout-ms", "300"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
+    QCOMPARE(server.received().last().params.value("path"), QString("/ui/grouping/leave"));
+}
+
+void tst_CtlCommand::statusShowsThisDeviceAndTheLan()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200,
+                  R"({"id":"a","name":"dev1","host":"h1","address":"10.0.0.1","requestPort":41230,"version":"0.1.0"})");
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, R"({"path":"/system/members","rows":[
+        {"id":"a","value":{"systemMember":{"id":"a","name":"dev1","host":"h1","ipAddress":"10.0.0.1","transcoder":true,
+                                           "persistentGroupMembers":["b","gone"]}}},
+        {"id":"b","value":{"systemMember":{"id":"b","name":"dev2","host":"h2","ipAddress":"10.0.0.2","transcoder":false}}},
+        {"id":"cc","value":{"systemMember":{"id":"cc","name":"cellar","host":"h3","ipAddress":"10.0.0.3","transcoder":true}}}]})");
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, R"({"path":"/grouping/members","rows":[
+        {"id":"a","value":{"groupingMember":{"follower":{"id":"a","name":"dev1"},"master":{"id":"a","name":"dev1"}}}},
+        {"id":"b","value":{"groupingMember":{"follower":{"id":"b","name":"dev2"},"master":{"id":"a","name":"dev1"}}}}]})");
+    Run result = run({"status"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("This device: dev1 [a]\n"
+                                 "  role:         transcoder\n"
+                                 "  master:       itself\n"
+                                 "  followers:    dev2 [b]\n"
+                                 "  saved group:  dev2 [b], gone\n"
+                                 "Devices on the LAN: 3\n"
+                                 "  dev1    [a]   transcoder  this device, saved group: dev2 [b], gone\n"
+                                 "  dev2    [b]   receiver\n"
+                                 "  cellar  [cc]  transcoder\n"));
+
+    result = run({"status", "--json"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    const QJsonObject status = parseObject(result.out);
+    QCOMPARE(status.value("id").toString(), QString("a"));
+    QCOMPARE(status.value("role").toString(), QString("transcoder"));
+    QCOMPARE(status.value("master").toObject(), QJsonObject({{"id", "a"}, {"name", "dev1"}}));
+    QCOMPARE(status.value("followers").toArray(), QJsonArray({QJsonObject({{"id", "b"}, {"name", "dev2"}})}));
+    QCOMPARE(status.value("savedGroup").toArray(),
+             QJsonArray({QJsonObject({{"id", "b"}, {"name", "dev2"}}), QJsonObject({{"id", "gone"}, {"name", ""}})}));
+    const QJsonArray devices = status.value("devices").toArray();
+    QCOMPARE(devices.size(), 3);
+    QCOMPARE(devices.at(1).toObject(),
+             QJsonObject({{"id", "b"}, {"name", "dev2"}, {"host", "h2"}, {"ipAddress", "10.0.0.2"},
+                          {"role", "receiver"}, {"savedGroup", QJsonArray()}}));
+}
+
+void tst_CtlCommand::hintsNameTarvctlCommands_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<QString>("printed");
+    QTest::newRow("get of a list")
+        << QStringList{"get", "/grouping/members"}
+        << "/grouping/members is a list node, not a value; read it with GET /api/v1/rows?path=/grouping/members"
+        << "tarvctl: error (HTTP 404): Not found: /grouping/members is a list node, not a value; read it with tarvctl rows "
+           "/grouping/members\n";
+    QTest::newRow("rows of a value")
+        << QStringList{"rows", "/system/member"}
+        << "/system/member is a value, not a list; read it with GET /api/v1/value?path=/system/member"
+        << "tarvctl: error (HTTP 404): Not found: /system/member is a value, not a list; read it with tarvctl get "
+           "/system/member\n";
+}
+
+void tst_CtlCommand::hintsNameTarvctlCommands()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, message);
+    QFETCH(QString, printed);
+    CannedServer server;
+    const QJsonObject error{{"error", QJsonObject{{"name", "NotFound"}, {"title", "Not found"}, {"message", message}}}};
+    const QString endpoint = arguments.first() == "get" ? "/api/v1/value" : "/api/v1/rows";
+    server.answer("GET", endpoint, 404, QJsonDocument(error).toJson(QJsonDocument::Compact));
+    const Run result = run(arguments, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, printed);
 }
 
 void tst_CtlCommand::uiPrintsTheGroupingList()
@@ -298,7 +516,7 @@ void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
-    Run result = run({"ui", "join", target, "--timeout-ms", "800"}, server.api());
+    Run result = run({"ui", "join", target, "--timeout-ms", "800", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, printed);
     QCOMPARE(result.err, QString());
@@ -310,7 +528,7 @@ void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow()
     QCOMPARE(received.at(1).params.value("timeout_ms"), QString("800"));
     QCOMPARE(received.at(1).body, QByteArray("{}"));
 
-    result = run({"ui", "join", target, "--json"}, server.api());
+    result = run({"ui", "join", target, "--json", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(completionReply).object());
 }
@@ -368,7 +586,7 @@ void tst_CtlCommand::uiJoinRefusedPrintsTheRefusal()
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
     server.answer("POST", "/api/v1/invoke", 422,
                   R"({"error":{"name":"Simple Grouping","title":"Error","message":"Previous grouping request not finished, reject request."}})");
-    const Run result = run({"ui", "join", "kitchen"}, server.api());
+    const Run result = run({"ui", "join", "kitchen", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Previous grouping request not finished, reject request.\n"));
@@ -378,7 +596,7 @@ void tst_CtlCommand::uiLeaveActivatesTheLeaveAction()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
-    const Run result = run({"ui", "leave"}, server.api());
+    const Run result = run({"ui", "leave", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("leave: done\n"));
     QCOMPARE(server.received().size(), 1);

@@ -1,11 +1,11 @@
 #include <QDir>
 #include <QElapsedTimer>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
-#include <QUdpSocket>
 #include <QtTest>
 
 #include <memory>
@@ -97,6 +97,11 @@ private Q_SLOTS:
     void getShowsASetting();
     void setIsReadBack();
     void invokeLeaveAnswersTrue();
+    void joiningItselfIsNoChange_data();
+    void joiningItselfIsNoChange();
+    void leavingWithoutAGroupIsNoChange();
+    void statusShowsTheDeviceAndTheLan();
+    void hintsNameTarvctlCommands();
     void refusedInvokeExitsOneWithTheHandlersText_data();
     void refusedInvokeExitsOneWithTheHandlersText();
     void saveAndGroupAgainstTheHost();
@@ -263,9 +268,89 @@ void tst_tarvctl::invokeLeaveAnswersTrue()
     run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
     CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
-    run = ctl({"leave"}, m_host->api());
+    run = ctl({"leave", "--no-wait"}, m_host->api());
     CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
+}
+
+// The module takes the request and refuses it later, only in its log: the
+// missing change is what tarvctl reports.
+void tst_tarvctl::joiningItselfIsNoChange_data()
+{
+    QTest::addColumn<bool>("byName");
+    QTest::newRow("by id") << false;
+    QTest::newRow("by name") << true;
+}
+
+void tst_tarvctl::joiningItselfIsNoChange()
+{
+    requireHost();
+    QFETCH(bool, byName);
+    const QString target = byName ? QStringLiteral("dev1") : m_host->id();
+    const int refusalsBefore = m_host->output().count(QStringLiteral("as it is this device!"));
+    QElapsedTimer elapsed;
+    elapsed.start();
+    Run run = ctl({"join", target, "--timeout-ms", "1500"}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QVERIFY2(elapsed.elapsed() >= 1500, qPrintable(QString::number(elapsed.elapsed())));
+    QCOMPARE(run.out, QString());
+    QCOMPARE(run.err, QString("tarvctl: no change: the device refused (see its log)\n"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_host->output().count(QStringLiteral("as it is this device!")), refusalsBefore + 1, 5000);
+    QVERIFY2(m_host->output().contains(QStringLiteral("ERROR SimpleGroupingCtrl [SimpleGroupingCtrl.cpp:")),
+             qPrintable(m_host->output().right(2000)));
+
+    // Without waiting, the answer is only that the request was taken.
+    run = ctl({"join", target, "--no-wait"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("true\n"));
+}
+
+void tst_tarvctl::leavingWithoutAGroupIsNoChange()
+{
+    requireHost();
+    const Run run = ctl({"leave", "--timeout-ms", "800"}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QCOMPARE(run.err, QString("tarvctl: no change: the device refused (see its log)\n"));
+}
+
+void tst_tarvctl::statusShowsTheDeviceAndTheLan()
+{
+    requireHost();
+    const QString expected = QStringLiteral("This device: dev1 [%1]\n"
+                                            "  role:         transcoder\n"
+                                            "  master:       itself\n"
+                                            "  followers:    none\n"
+                                            "  saved group:  none\n"
+                                            "Devices on the LAN: 1\n"
+                                            "  dev1  [%1]  transcoder  this device\n")
+                                 .arg(m_host->id());
+    // The module writes its own row and state shortly after the start.
+    Run run;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    do {
+        run = ctl({"status"}, m_host->api());
+    } while (run.out != expected && elapsed.elapsed() < 5000);
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, expected);
+
+    run = ctl({"status", "--json"}, m_host->api());
+    CTL_EXPECT(run, 0);
+    const QJsonObject status = parseObject(run.out);
+    QCOMPARE(status.value("id").toString(), m_host->id());
+    QCOMPARE(status.value("role").toString(), QString("transcoder"));
+    QCOMPARE(status.value("master").toObject().value("id").toString(), m_host->id());
+    QCOMPARE(status.value("devices").toArray().size(), 1);
+    QCOMPARE(status.value("devices").toArray().first().toObject().value("host").toString(), QString("127.0.0.1"));
+}
+
+void tst_tarvctl::hintsNameTarvctlCommands()
+{
+    requireHost();
+    const Run run = ctl({"get", "/grouping/members"}, m_host->api());
+    CTL_EXPECT(run, 1);
+    QCOMPARE(run.err, QString("tarvctl: error (HTTP 404): Not found: /grouping/members is a list node, not a value; "
+                              "read it with tarvctl rows /grouping/members\n"));
 }
 
 void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText_data()
@@ -413,12 +498,12 @@ void tst_tarvctl::uiShowsJoinsAndLeavesTheGroupingList()
     const int discoveryPort = HostProcess::freeUdpPort();
     kitchen.setDiscoveryPort(discoveryPort);
     cellar.setDiscoveryPort(discoveryPort);
-    // Both run on this machine, so kitchen's announcements to cellar go to
-    // 127.0.0.1 on kitchen's own port. This socket takes them, and keeps
-    // kitchen's listener from hearing (and acting on) its own goodbye.
-    QUdpSocket sink;
-    QVERIFY(sink.bind(QHostAddress(QHostAddress::LocalHost), 0, QAbstractSocket::DontShareAddress));
-    kitchen.setRequestPort(sink.localPort());
+    // Both run on this machine: kitchen's announcements to cellar at
+    // 127.0.0.1 would reach kitchen's own listener (the request port is
+    // the sender's), which would act on its own goodbye. Under a name that
+    // does not resolve cellar is still listed and joined, and kitchen sends
+    // nothing.
+    cellar.setHostName(QStringLiteral("cellar.invalid"));
     QString error;
     QVERIFY2(kitchen.start({"--name", "kitchen", "--discovery-ms", "300"}, &error), qPrintable(error));
     QVERIFY2(cellar.start({"--name", "cellar", "--discovery-ms", "300"}, &error), qPrintable(error));
@@ -452,7 +537,7 @@ void tst_tarvctl::uiShowsJoinsAndLeavesTheGroupingList()
 
     run = ctl({"ui", "join", "cellar"}, kitchen.api());
     CTL_EXPECT(run, 0);
-    QCOMPARE(run.out, QStringLiteral("join cellar [%1]: done\n").arg(cellar.id()));
+    QCOMPARE(run.out, QStringLiteral("joined cellar\n"));
     QVERIFY(watch.waitForFinished(10000));
     QCOMPARE(watch.exitStatus(), QProcess::NormalExit);
     QCOMPARE(watch.exitCode(), 0);
@@ -468,12 +553,25 @@ void tst_tarvctl::uiShowsJoinsAndLeavesTheGroupingList()
 
     run = ctl({"ui", "leave"}, kitchen.api());
     CTL_EXPECT(run, 0);
-    QCOMPARE(run.out, QString("leave: done\n"));
+    QCOMPARE(run.out, QString("left cellar\n"));
     elapsed.restart();
     do {
         run = ctl({"ui"}, kitchen.api());
     } while (run.out != offered && elapsed.elapsed() < 5000);
     QCOMPARE(run.out, offered);
+
+    // The same through the grouping request, naming cellar by its name.
+    run = ctl({"join", "cellar"}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("joined cellar\n"));
+    run = ctl({"status"}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QVERIFY2(run.out.contains(QStringLiteral("  role:         receiver\n  master:       cellar [%1]\n").arg(cellar.id())),
+             qPrintable(run.out));
+    run = ctl({"leave"}, kitchen.api());
+    CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("left cellar\n"));
+    QVERIFY2(!kitchen.output().contains("as it is this device!"), qPrintable(kitchen.output().right(2000)));
 
     QVERIFY2(kitchen.stop(), qPrintable(kitchen.output().right(2000)));
     QVERIFY2(cellar.stop(), qPrintable(cellar.output().right(2000)));

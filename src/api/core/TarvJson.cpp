@@ -3,11 +3,16 @@
 #include <vector>
 
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <rapidjson/error/error.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
+
+#include "CMPath.h"
+#include "TarvHash.h"
+#include "TrString.h"
 
 namespace TarvJson {
 
@@ -29,6 +34,105 @@ QVariant toVariant(const QJsonValue& value)
         return list;
     }
     return value.toVariant();
+}
+
+QJsonValue fromVariant(const QVariant& value)
+{
+    const int type = value.userType();
+    if (type == QMetaType::QVariantHash || type == QMetaType::QVariantMap) {
+        QJsonObject object;
+        const QVariantHash hash = value.toHash();
+        for (auto it = hash.begin(); it != hash.end(); ++it)
+            object.insert(it.key(), fromVariant(it.value()));
+        return object;
+    }
+    if (type == QMetaType::QVariantList || type == QMetaType::QStringList) {
+        QJsonArray array;
+        for (const QVariant& item : value.toList())
+            array.append(fromVariant(item));
+        return array;
+    }
+    if (type == qMetaTypeId<CMPath>())
+        return value.value<CMPath>().toString();
+    if (type == qMetaTypeId<TrString>())
+        return value.value<TrString>().toString();
+    if (type == qMetaTypeId<TarvHash>())
+        return fromVariant(value.value<TarvHash>().toVariant());
+    return QJsonValue::fromVariant(value);
+}
+
+bool parseValue(const QByteArray& text, QJsonValue* value, QString* error)
+{
+    // Objects and arrays parse as they are, so errors point at the user's
+    // text; scalars are wrapped in an array, which shifts offsets by one.
+    const QByteArray trimmed = text.trimmed();
+    const bool container = trimmed.startsWith('{') || trimmed.startsWith('[');
+    TarvError parseError;
+    const QVariant parsed = parse(container ? text : '[' + text + ']', parseError, nullptr);
+    if (parseError.isError()) {
+        if (error) {
+            const int at = qBound(1, parseError.offset + (container ? 1 : 0), text.size() + 1);
+            *error = QStringLiteral("%1 at character %2").arg(parseError.message).arg(at);
+        }
+        return false;
+    }
+    const QJsonValue document = QJsonValue::fromVariant(parsed);
+    if (container) {
+        if (value)
+            *value = document;
+        return true;
+    }
+    const QJsonArray array = document.toArray();
+    if (array.size() != 1) {
+        if (error)
+            *error = array.isEmpty() ? QStringLiteral("no JSON value") : QStringLiteral("more than one JSON value");
+        return false;
+    }
+    if (value)
+        *value = array.first();
+    return true;
+}
+
+bool parseObject(const QByteArray& body, QVariantHash* result, QString* error)
+{
+    if (body.trimmed().isEmpty()) {
+        result->clear();
+        return true;
+    }
+    TarvError parseError;
+    const QVariant parsed = parse(body, parseError, nullptr);
+    if (parseError.isError()) {
+        // Only objects and arrays parse at the top level; say so plainly for
+        // the common mistake of sending a bare text or number.
+        *error = QStringLiteral("The request body is not valid JSON (at byte %1: %2); it must be one JSON object")
+                     .arg(parseError.offset)
+                     .arg(parseError.message);
+        return false;
+    }
+    if (parsed.userType() != QMetaType::QVariantHash) {
+        *error = QStringLiteral("The request body must be one JSON object, e.g. {\"string_\": \"Kitchen\"}");
+        return false;
+    }
+    *result = parsed.toHash();
+    return true;
+}
+
+QByteArray toBytes(const QJsonValue& value, bool indented)
+{
+    const QJsonDocument::JsonFormat format = indented ? QJsonDocument::Indented : QJsonDocument::Compact;
+    if (value.isObject())
+        return QJsonDocument(value.toObject()).toJson(format).trimmed();
+    if (value.isArray())
+        return QJsonDocument(value.toArray()).toJson(format).trimmed();
+    if (value.isUndefined())
+        return QByteArrayLiteral("null");
+    const QByteArray wrapped = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return wrapped.mid(1, wrapped.size() - 2);
+}
+
+QString toText(const QJsonValue& value, bool indented)
+{
+    return QString::fromUtf8(toBytes(value, indented));
 }
 
 namespace {

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonValue>
 #include <QString>
 #include <QVariant>
+#include <QVariantHash>
 
 // What went wrong while parsing JSON text: a message and the byte offset.
 struct TarvError
@@ -33,5 +35,23 @@ QVariant parse(const QByteArray& json, TarvError& error, unsigned int* consumed)
 
 // The JSON value as a variant with every object a QVariantHash.
 QVariant toVariant(const QJsonValue& value);
+
+// The other way: a variant as the host holds it (hashes, lists, texts,
+// numbers, records, paths, translatable texts) as JSON.
+QJsonValue fromVariant(const QVariant& value);
+
+// Exactly one JSON value, scalars included, read with parse(). On failure
+// false, `value` untouched, and `error` says what is wrong and where,
+// counting characters from 1.
+bool parseValue(const QByteArray& text, QJsonValue* value, QString* error);
+
+// A request body that must hold one JSON object; an empty body is an empty
+// object. False with a message for people otherwise.
+bool parseObject(const QByteArray& body, QVariantHash* result, QString* error);
+
+// JSON text of any value, scalars included (QJsonDocument alone only writes
+// objects and arrays); undefined is written as null.
+QByteArray toBytes(const QJsonValue& value, bool indented = false);
+QString toText(const QJsonValue& value, bool indented = false);
 
 } // namespace TarvJson

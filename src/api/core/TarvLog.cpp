@@ -1,11 +1,15 @@
 #include "TarvLog.h"
 
+#include <cstdlib>
+
 #include <QFileInfo>
+#include <QStringList>
 
 #include <log4cplus/configurator.h>
 #include <log4cplus/consoleappender.h>
 #include <log4cplus/initializer.h>
 #include <log4cplus/layout.h>
+#include <log4cplus/loglevel.h>
 
 std::ostream& operator<<(std::ostream& out, const QString& text)
 {
@@ -35,7 +39,58 @@ log4cplus::Logger logger(const char* className)
 
 QString defaultPattern()
 {
-    return QStringLiteral("%D{%H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n");
+    return QStringLiteral("%D{%Y-%m-%d %H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n");
+}
+
+bool parseLevel(const QString& name, log4cplus::LogLevel* level)
+{
+    static const QStringList names = {QStringLiteral("TRACE"), QStringLiteral("DEBUG"), QStringLiteral("INFO"),
+                                      QStringLiteral("WARN"),  QStringLiteral("ERROR"), QStringLiteral("FATAL"),
+                                      QStringLiteral("OFF")};
+    static const log4cplus::LogLevel levels[] = {log4cplus::TRACE_LOG_LEVEL, log4cplus::DEBUG_LOG_LEVEL,
+                                                 log4cplus::INFO_LOG_LEVEL,  log4cplus::WARN_LOG_LEVEL,
+                                                 log4cplus::ERROR_LOG_LEVEL, log4cplus::FATAL_LOG_LEVEL,
+                                                 log4cplus::OFF_LOG_LEVEL};
+    const int index = names.indexOf(name.toUpper());
+    if (index < 0)
+        return false;
+    *level = levels[index];
+    return true;
+}
+
+void setRootLevel(log4cplus::LogLevel level)
+{
+    log4cplus::Logger::getRoot().setLogLevel(level);
+}
+
+namespace {
+
+void forwardQtMessage(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    log4cplus::LogLevel level = log4cplus::DEBUG_LOG_LEVEL;
+    switch (type) {
+    case QtDebugMsg: level = log4cplus::DEBUG_LOG_LEVEL; break;
+    case QtInfoMsg: level = log4cplus::INFO_LOG_LEVEL; break;
+    case QtWarningMsg: level = log4cplus::WARN_LOG_LEVEL; break;
+    case QtCriticalMsg: level = log4cplus::ERROR_LOG_LEVEL; break;
+    case QtFatalMsg: level = log4cplus::FATAL_LOG_LEVEL; break;
+    }
+    const log4cplus::Logger qt = logger("Qt");
+    if (qt.isEnabledFor(level)) {
+        // Qt's release builds leave the context empty; log4cplus wants texts.
+        qt.forcedLog(level, message.toUtf8().toStdString(), context.file ? context.file : "",
+                     context.file ? context.line : -1, context.function ? context.function : "");
+    }
+    // Qt promises that qFatal ends the process.
+    if (type == QtFatalMsg)
+        std::abort();
+}
+
+} // namespace
+
+void installQtMessageHandler()
+{
+    qInstallMessageHandler(&forwardQtMessage);
 }
 
 namespace {

@@ -29,7 +29,19 @@ log4cplus::Logger logger(const char* className);
 // configuration, so logging stays safe.
 bool init(const QString& propertiesFile = QString(), QString* problem = nullptr);
 
-// The layout pattern used by the default configuration.
+// The layout pattern used by the default configuration: date and time to
+// the millisecond, level, logger, [file:line function], message.
 QString defaultPattern();
+
+// Reads a level name as log4cplus writes it (TRACE, DEBUG, INFO, WARN,
+// ERROR, FATAL, OFF; any case). False for anything else.
+bool parseLevel(const QString& name, log4cplus::LogLevel* level);
+
+// Sets the root logger's level, over what init() configured.
+void setRootLevel(log4cplus::LogLevel level);
+
+// Sends Qt's own messages (qDebug ... qFatal, and Qt's warnings) through
+// log4cplus, to the logger "Qt", so that one configuration governs both.
+void installQtMessageHandler();
 
 } // namespace TarvLog

@@ -44,7 +44,7 @@ private:
     CMActivateNode* m_removeReceiverNode = nullptr;
 };
 
-// The module's entry point, exported undecorated. The first argument is the
-// host's business and ignored; ownership of the returned worker passes to
-// the host.
-extern "C" CMAbstractWorker* worker_create(void* first, const QVariantHash& settings);
+// The module's entry point, exported undecorated and the only symbol the
+// module exports. The first argument is the host's business and ignored;
+// ownership of the returned worker passes to the host.
+extern "C" Q_DECL_EXPORT CMAbstractWorker* worker_create(void* first, const QVariantHash& settings);

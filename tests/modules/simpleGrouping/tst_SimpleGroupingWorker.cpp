@@ -3,6 +3,7 @@
 #include <chrono>
 #include <memory>
 
+#include <QProcess>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -115,6 +116,21 @@ private Q_SLOTS:
         QCOMPARE(QByteArray(info.dli_sname), QByteArray("worker_create"));
         QCOMPARE(QFileInfo(QString::fromLocal8Bit(info.dli_fname)).canonicalFilePath(),
                  QFileInfo(QStringLiteral(TARV_SIMPLEGROUPING_MODULE)).canonicalFilePath());
+    }
+
+    // Built with hidden visibility: nothing of the module can clash with a
+    // host's or another module's symbols.
+    void workerCreateIsTheOnlyExportedSymbol()
+    {
+        QProcess nm;
+        nm.start(QStringLiteral("nm"), {QStringLiteral("-D"), QStringLiteral("--defined-only"),
+                                        QStringLiteral(TARV_SIMPLEGROUPING_MODULE)});
+        QVERIFY2(nm.waitForFinished(10000), qPrintable(nm.errorString()));
+        QCOMPARE(nm.exitCode(), 0);
+        QStringList names;
+        for (const QString& line : QString::fromLocal8Bit(nm.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            names.append(line.section(QLatin1Char(' '), -1));
+        QCOMPARE(names, QStringList{QStringLiteral("worker_create")});
     }
 
     void workerCreateGivesTheSimpleGroupingWorker()
