@@ -45,14 +45,20 @@ void sendJson(httplib::Response& response, int status, const QJsonObject& object
     response.set_content(TarvJson::toBytes(object).toStdString(), jsonType);
 }
 
-void sendError(httplib::Response& response, int status, const QString& name, const QString& title,
-               const QString& message)
+// {"error": {"name", "title", "message"}}, the body of every refusal.
+QJsonObject errorObject(const QString& name, const QString& title, const QString& message)
 {
     QJsonObject inner;
     inner.insert(QStringLiteral("name"), name);
     inner.insert(QStringLiteral("title"), title);
     inner.insert(QStringLiteral("message"), message);
-    sendJson(response, status, QJsonObject{{QStringLiteral("error"), inner}});
+    return QJsonObject{{QStringLiteral("error"), inner}};
+}
+
+void sendError(httplib::Response& response, int status, const QString& name, const QString& title,
+               const QString& message)
+{
+    sendJson(response, status, errorObject(name, title, message));
 }
 
 void badRequest(httplib::Response& response, const QString& message)
@@ -140,8 +146,10 @@ ControlApi::ControlApi(const Options& options, QObject* parent)
       // requests (waiting connections hold none).
       m_server(new ControlServer(EventStream::MaxSubscribers + 8,
                                  [](const std::string& name, const std::string& title, const std::string& message) {
-                                     return HostJson::error(QString::fromStdString(name), QString::fromStdString(title),
-                                                            QString::fromStdString(message));
+                                     return TarvJson::toBytes(errorObject(QString::fromStdString(name),
+                                                                          QString::fromStdString(title),
+                                                                          QString::fromStdString(message)))
+                                         .toStdString();
                                  })),
       m_events(new EventStream(this))
 {

@@ -497,7 +497,7 @@ CtlExitCode::Enum CtlCommand::runGroup()
             answer.insert(QStringLiteral("master"), QJsonObject{{QStringLiteral("id"), master.id()},
                                                                 {QStringLiteral("name"), nameOf(master.id())}});
         }
-        m_out << CtlJson::toText(answer, true) << '\n';
+        m_out << TarvJson::toText(answer, true) << '\n';
         m_out.flush();
         return CtlExitCode::Ok;
     }

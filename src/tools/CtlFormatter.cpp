@@ -182,12 +182,14 @@ QString CtlFormatter::summary(const QJsonValue& json, int maxChars)
             line = memberSummary(value.systemMember());
         } else if (object.contains(TarvValue::GroupingRequest())) {
             const TarvGroupingRequest request = value.groupingRequest();
-            if (request.command() == TarvGroupingRequestCommand::Join)
+            // A number, not the enum: a host may show any command it was sent.
+            const int command = request.hash().value(TarvGroupingRequest::Command()).toInt();
+            if (command == TarvGroupingRequestCommand::Join)
                 line = QStringLiteral("join ") + memberName(request.master());
-            else if (request.command() == TarvGroupingRequestCommand::Leave)
+            else if (command == TarvGroupingRequestCommand::Leave)
                 line = QStringLiteral("leave");
             else
-                line = QStringLiteral("command %1").arg(int(request.command()));
+                line = QStringLiteral("command %1").arg(command);
         } else if (object.contains(TarvValue::GroupingPersistentGroup())) {
             const TarvGroupingPersistentGroup group = value.groupingPersistentGroup();
             line = QStringLiteral("group '%1', %2 member(s)").arg(group.name()).arg(group.members().size());

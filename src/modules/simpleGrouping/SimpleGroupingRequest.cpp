@@ -139,7 +139,9 @@ void SimpleGroupingRequest::on_groupingRequest_activated(const CMSetDataRequest&
     const TarvValue value(map);
     const TarvGroupingRequest groupingRequest =
         value.contains(TarvValue::GroupingRequest()) ? value.groupingRequest() : TarvGroupingRequest(map);
-    const int command = groupingRequest.command();
+    // Read as a number: a client may send any, and an enum variable may hold
+    // only the enum's own values.
+    const int command = groupingRequest.hash().value(TarvGroupingRequest::Command()).toInt();
     if (command == TarvGroupingRequestCommand::Join) {
         if (!groupingRequest.contains(TarvGroupingRequest::Master())) {
             request.voidReply().setError(CMError(TrString("Missing grouping master in request")));
