@@ -128,8 +128,16 @@ private Q_SLOTS:
         QVERIFY2(nm.waitForFinished(10000), qPrintable(nm.errorString()));
         QCOMPARE(nm.exitCode(), 0);
         QStringList names;
-        for (const QString& line : QString::fromLocal8Bit(nm.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-            names.append(line.section(QLatin1Char(' '), -1));
+        for (const QString& line : QString::fromLocal8Bit(nm.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+            const QString name = line.section(QLatin1Char(' '), -1);
+#ifdef TARV_TEST_SANITIZED
+            // UBSan's function and vptr checks give the type descriptors they
+            // compare (_ZTI, _ZTS) default visibility; they are not our symbols.
+            if (name.startsWith(QLatin1String("_ZTI")) || name.startsWith(QLatin1String("_ZTS")))
+                continue;
+#endif
+            names.append(name);
+        }
         QCOMPARE(names, QStringList{QStringLiteral("worker_create")});
     }
 
