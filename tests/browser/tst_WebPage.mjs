@@ -121,7 +121,17 @@ function notBusy(page) {
 // itself when a tab in the background gets them.
 async function click(page, selector, options) {
   await page.bringToFront();
-  await page.click(selector, options);
+  // The page redraws as events arrive: an element replaced between being
+  // found and being clicked is found again (a few times at most).
+  for (let attempt = 1; ; ++attempt) {
+    try {
+      await page.click(selector, options);
+      return;
+    } catch (error) {
+      if (attempt >= 5 || !/detached/i.test(String(error && error.message)))
+        throw error;
+    }
+  }
 }
 
 async function tap(page, selector) {
