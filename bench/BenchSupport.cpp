@@ -7,6 +7,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QList>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace BenchSupport {
@@ -107,6 +108,17 @@ QByteArray logProperties()
            "log4cplus.appender.LOG.ImmediateFlush=true\n"
            "log4cplus.appender.LOG.layout=log4cplus::PatternLayout\n"
            "log4cplus.appender.LOG.layout.ConversionPattern=%D{%Y-%m-%d %H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n\n";
+}
+
+bool useLogProperties(Lab& lab, const QTemporaryDir& dir)
+{
+    QFile logConfig(dir.filePath(QStringLiteral("log.properties")));
+    if (!dir.isValid() || !logConfig.open(QIODevice::WriteOnly))
+        return false;
+    logConfig.write(logProperties());
+    logConfig.close();
+    lab.setVariable(QStringLiteral("LAB_LOG_CONFIG"), logConfig.fileName());
+    return true;
 }
 
 } // namespace BenchSupport

@@ -5,7 +5,10 @@
 #include <QByteArray>
 #include <QString>
 
+#include "Lab.h"
 #include "LabLog.h"
+
+class QTemporaryDir;
 
 // What the lab benchmarks share: percentiles, their table rows, a process's
 // CPU and memory from /proc, the machine's name, and waiting for a log line.
@@ -35,5 +38,9 @@ qint64 entryTime(LabLog& log, const QString& level, const QString& logger, const
 // The lab's log layout and bounded log file at INFO, with the controller's
 // member changes (DEBUG) whose times the benchmarks read.
 QByteArray logProperties();
+
+// Writes logProperties() into `dir` and makes the lab's hosts use it; false
+// when it cannot be written.
+bool useLogProperties(Lab& lab, const QTemporaryDir& dir);
 
 } // namespace BenchSupport

@@ -139,12 +139,8 @@ int main(int argc, char** argv)
     // The lab's log layout, with the controller's member changes (DEBUG)
     // for the regroup times.
     QTemporaryDir logDir;
-    QFile logConfig(logDir.filePath(QStringLiteral("log.properties")));
-    if (!logDir.isValid() || !logConfig.open(QIODevice::WriteOnly))
+    if (!useLogProperties(lab, logDir))
         return 1;
-    logConfig.write(logProperties());
-    logConfig.close();
-    lab.setVariable(QStringLiteral("LAB_LOG_CONFIG"), logConfig.fileName());
     std::fprintf(stderr, "bench_lab: bringing up 3 devices\n");
     if (!lab.up(3, Lab::timeOptions(options.resendMs, options.timeoutMs, options.discoveryMs)))
         return fail(QStringLiteral("the lab did not come up"), lab);

@@ -191,12 +191,8 @@ int main(int argc, char** argv)
 
     Lab lab(QStringLiteral("s%1").arg(QCoreApplication::applicationPid() % 10000000));
     QTemporaryDir logDir;
-    QFile logConfig(logDir.filePath(QStringLiteral("log.properties")));
-    if (!logDir.isValid() || !logConfig.open(QIODevice::WriteOnly))
+    if (!useLogProperties(lab, logDir))
         return 1;
-    logConfig.write(logProperties());
-    logConfig.close();
-    lab.setVariable(QStringLiteral("LAB_LOG_CONFIG"), logConfig.fileName());
 
     // 1. Discovery convergence, from the hosts' own log times.
     std::fprintf(stderr, "bench_scale: bringing up %d devices\n", n);
