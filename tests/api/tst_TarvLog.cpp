@@ -1,6 +1,9 @@
 #include <cstdio>
 #include <sstream>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -54,6 +57,38 @@ private Q_SLOTS:
         // Running init again keeps one appender.
         TarvLog::init();
         QCOMPARE(int(log4cplus::Logger::getRoot().getAllAppenders().size()), 1);
+    }
+
+    // A line is written to stderr whole, in one write: cheap under a flood
+    // of lines, and never split by another process's lines on a shared
+    // stream. A sequenced-packet socket keeps each write a record of its own.
+    void eachLineReachesStderrInOneWrite()
+    {
+        TarvLog::init();
+        int pair[2];
+        QCOMPARE(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+        std::fflush(stderr);
+        const int saved = ::dup(STDERR_FILENO);
+        QVERIFY(saved >= 0);
+        QVERIFY(::dup2(pair[0], STDERR_FILENO) >= 0);
+        const log4cplus::Logger probe = TarvLog::logger("Probe");
+        LOG4CPLUS_ERROR(probe, "first line, " << 42 << " pieces");
+        LOG4CPLUS_WARN(probe, "second line");
+        std::fflush(stderr);
+        ::dup2(saved, STDERR_FILENO);
+        ::close(saved);
+        ::close(pair[0]);
+
+        QStringList records;
+        char buffer[8192];
+        ssize_t size = 0;
+        while ((size = ::recv(pair[1], buffer, sizeof buffer, MSG_DONTWAIT)) > 0)
+            records.append(QString::fromUtf8(buffer, int(size)));
+        ::close(pair[1]);
+        QCOMPARE(records.size(), 2);
+        QVERIFY2(records.at(0).contains(QStringLiteral(" ERROR Probe [tst_TarvLog.cpp:")), qPrintable(records.at(0)));
+        QVERIFY2(records.at(0).endsWith(QStringLiteral("] first line, 42 pieces\n")), qPrintable(records.at(0)));
+        QVERIFY2(records.at(1).endsWith(QStringLiteral("] second line\n")), qPrintable(records.at(1)));
     }
 
     void defaultConfigurationWritesLevelLoggerFileLineAndFunction()

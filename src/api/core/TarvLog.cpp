@@ -1,6 +1,8 @@
 #include "TarvLog.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 
 #include <QFileInfo>
 #include <QStringList>
@@ -95,6 +97,24 @@ void installQtMessageHandler()
 
 namespace {
 
+// log4cplus writes a line to std::cerr piece by piece (date, level,
+// logger, file, line, function, message: about fifteen pieces), and both
+// std::cerr (unitbuf) and C's stderr (unbuffered) pass every piece on at
+// once, so each was a system call of its own: under a flood of garbage
+// datagrams that was most of what each one cost, and lines of processes
+// sharing the stream could interleave mid-line. Line-buffered, a line is
+// one write. Done once, before the first line; the appender's immediate
+// flush still pushes out a line that lacks a newline.
+void bufferStderrByLine()
+{
+    static char buffer[64 * 1024];
+    static const bool done = [] {
+        std::cerr.unsetf(std::ios_base::unitbuf);
+        return std::setvbuf(stderr, buffer, _IOLBF, sizeof buffer) == 0;
+    }();
+    Q_UNUSED(done);
+}
+
 void configureDefault()
 {
     log4cplus::Logger root = log4cplus::Logger::getRoot();
@@ -113,6 +133,7 @@ bool init(const QString& propertiesFile, QString* problem)
     // the initializer is kept for the life of the process on purpose.
     static log4cplus::Initializer* const initializer = (tarvLogInitializer = new log4cplus::Initializer);
     Q_UNUSED(initializer);
+    bufferStderrByLine();
 
     if (propertiesFile.isEmpty() || !QFileInfo(propertiesFile).isReadable()) {
         configureDefault();

@@ -368,6 +368,44 @@ private Q_SLOTS:
         QCOMPARE(m_emissions.first().member.name().size(), fill);
     }
 
+    // One read buffer serves every datagram: a short one after a long one
+    // must be read as itself, not with the long one's tail.
+    void shortDatagramAfterLongOneIsReadWhole()
+    {
+        SimpleGroupingSocket listener;
+        record(listener);
+        TarvSystemMember big = receiver(QStringLiteral("big"), QString());
+        big.setName(QString(60000, QLatin1Char('n')));
+        const TarvSystemMember small = receiver(QStringLiteral("s"), QString());
+        QUdpSocket sender;
+        for (const QByteArray& payload : {datagram("add", big), datagram("add", small), QByteArray("garbage"),
+                                          datagram("remove", small)})
+            QCOMPARE(sender.writeDatagram(payload, QHostAddress::LocalHost, TarvRequestPort()), qint64(payload.size()));
+
+        QTRY_COMPARE_WITH_TIMEOUT(m_emissions.size(), 3, 2000);
+        QCOMPARE(m_emissions.at(0).member, big);
+        QCOMPARE(m_emissions.at(1).signal, QStringLiteral("add"));
+        QCOMPARE(m_emissions.at(1).member, small);
+        QCOMPARE(m_emissions.at(2).signal, QStringLiteral("remove"));
+        QCOMPARE(m_emissions.at(2).member, small);
+        QCOMPARE(m_log.count(log4cplus::INFO_LOG_LEVEL, Garbage, Logger), 1);
+        QCOMPARE(m_log.count(log4cplus::ERROR_LOG_LEVEL, IncorrectJson, Logger), 0);
+    }
+
+    // The port's receive queue is asked to hold about 40 ms of a flood, so
+    // that a listener scheduled out for a moment loses no real "add". The
+    // kernel grants twice the size asked, at most twice net.core.rmem_max.
+    void receiveQueueIsEnlargedAtBind()
+    {
+        QFile rmemMax(QStringLiteral("/proc/sys/net/core/rmem_max"));
+        QVERIFY(rmemMax.open(QIODevice::ReadOnly));
+        bool ok = false;
+        const int cap = rmemMax.readAll().trimmed().toInt(&ok);
+        QVERIFY(ok);
+        SimpleGroupingSocket listener;
+        QCOMPARE(listener.receiveBufferBytes(), 2 * qMin(SimpleGroupingSocket::ReceiveBufferBytes, cap));
+    }
+
     void badDatagramsDoNotStopLaterOnes()
     {
         SimpleGroupingSocket listener;
