@@ -95,6 +95,12 @@ qint64 entryTime(LabLog& log, const QString& level, const QString& logger, const
     return -1;
 }
 
+qint64 readyTime(LabLog& log, int from)
+{
+    return entryTime(log, QStringLiteral("INFO"), QStringLiteral("ControlApi"), QStringLiteral("Control API on "),
+                     QString(), from, 5000);
+}
+
 QByteArray logProperties()
 {
     // Bounded like the lab's own: a flood writes a line per datagram.

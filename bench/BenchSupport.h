@@ -35,6 +35,12 @@ QString cpuModel();
 qint64 entryTime(LabLog& log, const QString& level, const QString& logger, const QString& prefix,
                  const QString& containing, int from, int timeoutMs);
 
+// When the host whose log this is became ready from `from` on, waiting up
+// to 5 s; -1 when it did not. The host prints its ready line without a
+// time (it is not logged), so this is the time of the line logged just
+// before it: its control API listening, the last step of its start.
+qint64 readyTime(LabLog& log, int from);
+
 // The lab's log layout and bounded log file at INFO, with the controller's
 // member changes (DEBUG) whose times the benchmarks read.
 QByteArray logProperties();

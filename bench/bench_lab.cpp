@@ -83,8 +83,7 @@ Regroup regroup(Lab& lab, const QList<int>& killed, int limitMs)
     qint64 lastStart = 0;
     for (int device : killed) {
         LabLog& log = logs[device - 1];
-        const qint64 ready = entryTime(log, QStringLiteral("INFO"), QStringLiteral("tarv-host"),
-                                       QStringLiteral("tarv-host ready"), QString(), from.at(device - 1), 5000);
+        const qint64 ready = readyTime(log, from.at(device - 1));
         log.refresh();
         if (ready < 0 || log.entries().size() <= from.at(device - 1))
             return Regroup();

@@ -92,13 +92,6 @@ Interface interfaceCounters(Lab& lab, int device)
     return counters;
 }
 
-// Times (host log, ms) of the first ready line from `from` on; -1 when absent.
-qint64 readyTime(LabLog& log, int from)
-{
-    return entryTime(log, QStringLiteral("INFO"), QStringLiteral("tarv-host"), QStringLiteral("tarv-host ready"),
-                     QString(), from, 5000);
-}
-
 // When the device's discovery had reported every other device as appeared
 // (its log's "Member ID ... appeared" lines from `from` on); -1 when it never did.
 qint64 convergedTime(LabLog& log, const QStringList& others, int from)
