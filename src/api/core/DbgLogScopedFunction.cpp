@@ -21,8 +21,14 @@ QString functionName(const char* signature)
 } // namespace
 
 DbgLogScopedFunction::DbgLogScopedFunction(const char* signature, const char* classTag)
-    : m_text(QString::fromLatin1(classTag) + QLatin1String("::") + functionName(signature))
+    : m_signature(signature)
+    , m_classTag(classTag)
 {
+}
+
+QString DbgLogScopedFunction::text() const
+{
+    return QString::fromLatin1(m_classTag) + QLatin1String("::") + functionName(m_signature);
 }
 
 std::ostream& operator<<(std::ostream& out, const DbgLogScopedFunction& scope)

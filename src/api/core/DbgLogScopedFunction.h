@@ -6,16 +6,19 @@
 
 // A function's scoped trace entry: its text names class and function
 // ("SimpleGroupingCtrl::on_joinTranscoder") and is what the "Enter " and
-// "Leave " trace lines print.
+// "Leave " trace lines print. The text is built only when asked for, so a
+// scope whose trace lines are disabled costs two pointers; both texts must
+// outlive the object (string literals and Q_FUNC_INFO do).
 class DbgLogScopedFunction
 {
 public:
     DbgLogScopedFunction(const char* signature, const char* classTag);
 
-    const QString& text() const { return m_text; }
+    QString text() const;
 
 private:
-    QString m_text;
+    const char* m_signature;
+    const char* m_classTag;
 };
 
 std::ostream& operator<<(std::ostream& out, const DbgLogScopedFunction& scope);

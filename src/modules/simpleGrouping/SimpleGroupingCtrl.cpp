@@ -135,7 +135,6 @@ void SimpleGroupingCtrl::on_joinTranscoder(const TarvSystemMember& transcoder)
 
 void SimpleGroupingCtrl::changeGroupMaster(TarvSystemMember master)
 {
-    const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingCtrl");
     LOG4CPLUS_INFO(logger(), "Update group master: name " << master.name() << " masterId = " << master.id()
                                                           << "; groupId = " << master.id());
     LOG4CPLUS_TRACE(logger(), "changeGroupMaster"
