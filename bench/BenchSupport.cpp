@@ -12,6 +12,26 @@
 
 namespace BenchSupport {
 
+bool parseIntOptions(const char* program, const QStringList& args, const std::vector<IntOption>& options)
+{
+    for (int i = 1; i < args.size(); i += 2) {
+        const auto option = std::find_if(options.begin(), options.end(),
+                                         [&](const IntOption& o) { return args.at(i) == QLatin1String(o.first); });
+        if (option == options.end()) {
+            std::fprintf(stderr, "%s: unknown option %s\n", program, qPrintable(args.at(i)));
+            return false;
+        }
+        bool number = false;
+        const int value = args.value(i + 1).toInt(&number);
+        if (!number || value < 0) {
+            std::fprintf(stderr, "%s: %s needs a whole number\n", program, qPrintable(args.at(i)));
+            return false;
+        }
+        *option->second = value;
+    }
+    return true;
+}
+
 Stats stats(std::vector<double> values)
 {
     Stats s;

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <utility>
 #include <vector>
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 #include "Lab.h"
 #include "LabLog.h"
@@ -13,6 +15,12 @@ class QTemporaryDir;
 // What the lab benchmarks share: percentiles, their table rows, a process's
 // CPU and memory from /proc, the machine's name, and waiting for a log line.
 namespace BenchSupport {
+
+// "--name N" pairs into the ints they name. An unknown name, a missing
+// value or one that is not a whole number >= 0 is refused with a line on
+// stderr naming `program`; false then.
+using IntOption = std::pair<const char*, int*>;
+bool parseIntOptions(const char* program, const QStringList& args, const std::vector<IntOption>& options);
 
 struct Stats {
     int n = 0;

@@ -113,21 +113,14 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     Options options;
-    const QStringList args = app.arguments();
-    for (int i = 1; i + 1 < args.size(); i += 2) {
-        const int value = args.at(i + 1).toInt();
-        if (args.at(i) == QLatin1String("--rounds")) options.rounds = value;
-        else if (args.at(i) == QLatin1String("--kills")) options.kills = value;
-        else if (args.at(i) == QLatin1String("--regroups")) options.regroups = value;
-        else if (args.at(i) == QLatin1String("--idle-s")) options.idleS = value;
-        else if (args.at(i) == QLatin1String("--resend-ms")) options.resendMs = value;
-        else if (args.at(i) == QLatin1String("--timeout-ms")) options.timeoutMs = value;
-        else if (args.at(i) == QLatin1String("--discovery-ms")) options.discoveryMs = value;
-        else {
-            std::fprintf(stderr, "bench_lab: unknown option %s\n", qPrintable(args.at(i)));
-            return 2;
-        }
-    }
+    if (!parseIntOptions("bench_lab", app.arguments(), {{"--rounds", &options.rounds},
+                                                     {"--kills", &options.kills},
+                                                     {"--regroups", &options.regroups},
+                                                     {"--idle-s", &options.idleS},
+                                                     {"--resend-ms", &options.resendMs},
+                                                     {"--timeout-ms", &options.timeoutMs},
+                                                     {"--discovery-ms", &options.discoveryMs}}))
+        return 2;
     const QString unavailable = Lab::unavailableReason();
     if (!unavailable.isEmpty()) {
         std::fprintf(stderr, "bench_lab: %s\n", qPrintable(unavailable));

@@ -153,21 +153,14 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     Options options;
-    const QStringList args = app.arguments();
-    for (int i = 1; i + 1 < args.size(); i += 2) {
-        const int value = args.at(i + 1).toInt();
-        if (args.at(i) == QLatin1String("--devices")) options.devices = value;
-        else if (args.at(i) == QLatin1String("--rounds")) options.rounds = value;
-        else if (args.at(i) == QLatin1String("--watch-s")) options.watchS = value;
-        else if (args.at(i) == QLatin1String("--kills")) options.kills = value;
-        else if (args.at(i) == QLatin1String("--group")) options.group = value;
-        else if (args.at(i) == QLatin1String("--flood-s")) options.floodS = value;
-        else if (args.at(i) == QLatin1String("--flood-rate")) options.floodRate = value;
-        else {
-            std::fprintf(stderr, "bench_scale: unknown option %s\n", qPrintable(args.at(i)));
-            return 2;
-        }
-    }
+    if (!parseIntOptions("bench_scale", app.arguments(), {{"--devices", &options.devices},
+                                                       {"--rounds", &options.rounds},
+                                                       {"--watch-s", &options.watchS},
+                                                       {"--kills", &options.kills},
+                                                       {"--group", &options.group},
+                                                       {"--flood-s", &options.floodS},
+                                                       {"--flood-rate", &options.floodRate}}))
+        return 2;
     const int n = options.devices;
     if (n < 4 || options.kills < 1 || options.kills > n - 3 || options.group < 2 || options.group > n
         || (options.floodS > 0 && options.group + FloodFollowers + 2 > n)) {

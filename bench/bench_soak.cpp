@@ -17,6 +17,7 @@
 #include <QStringList>
 #include <QTest>
 
+#include "BenchSupport.h"
 #include "Lab.h"
 #include "LabApi.h"
 #include "LabEventStream.h"
@@ -93,25 +94,13 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     Options options;
-    const QStringList args = app.arguments();
-    for (int i = 1; i < args.size(); i += 2) {
-        bool number = false;
-        const int value = args.value(i + 1).toInt(&number);
-        if (!number || value < 0) {
-            std::fprintf(stderr, "bench_soak: %s needs a whole number\n", qPrintable(args.at(i)));
-            return 2;
-        }
-        if (args.at(i) == QLatin1String("--receivers")) options.receivers = value;
-        else if (args.at(i) == QLatin1String("--loss")) options.lossPercent = value;
-        else if (args.at(i) == QLatin1String("--minutes")) options.minutes = value;
-        else if (args.at(i) == QLatin1String("--resend-ms")) options.resendMs = value;
-        else if (args.at(i) == QLatin1String("--timeout-ms")) options.timeoutMs = value;
-        else if (args.at(i) == QLatin1String("--discovery-ms")) options.discoveryMs = value;
-        else {
-            std::fprintf(stderr, "bench_soak: unknown option %s\n", qPrintable(args.at(i)));
-            return 2;
-        }
-    }
+    if (!BenchSupport::parseIntOptions("bench_soak", app.arguments(), {{"--receivers", &options.receivers},
+                                                                       {"--loss", &options.lossPercent},
+                                                                       {"--minutes", &options.minutes},
+                                                                       {"--resend-ms", &options.resendMs},
+                                                                       {"--timeout-ms", &options.timeoutMs},
+                                                                       {"--discovery-ms", &options.discoveryMs}}))
+        return 2;
     if (options.receivers < 2 || options.lossPercent > 100) {
         std::fprintf(stderr, "bench_soak: needs at least 2 receivers and a loss of 0 to 100 %%\n");
         return 2;
