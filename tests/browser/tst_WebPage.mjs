@@ -454,6 +454,10 @@ browserTest("a group saved from the page is written, shown on every tab, followe
     assert.ok(saved.timestamp >= sentAt - 1000 && saved.timestamp <= Date.now() + 1000, "timestamp " + saved.timestamp);
     await shownOnSecond;
     for (const p of [page, second]) {
+      // The tab that saved shows "Saved" from the save's answer, and the
+      // group itself when the change comes through its event stream.
+      await whenShown(p, redrawMs, () => !document.getElementById("saved-group").hidden
+        && document.querySelectorAll("#saved-members li").length === 2 && Date.now()).catch(() => {});
       const shown = await p.evaluate(() => ({
         visible: !document.getElementById("saved-group").hidden,
         name: document.getElementById("saved-name").textContent,
