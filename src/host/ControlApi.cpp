@@ -10,7 +10,6 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QNetworkInterface>
-#include <QUrl>
 
 #include <httplib.h>
 
@@ -181,17 +180,9 @@ QString ControlApi::url() const
 
 bool ControlApi::start(QString* error)
 {
-    m_allowedHosts.clear();
-    for (const QString& name : qAsConst(m_options.allowedHosts))
-        m_allowedHosts << name.toLower();
-    m_allowedHosts << QStringLiteral("localhost") << QStringLiteral("localhost.localdomain")
-                   << m_options.address.toString().toLower();
-    for (const QHostAddress& address : QNetworkInterface::allAddresses()) {
-        QHostAddress unscoped(address);
-        unscoped.setScopeId(QString());
-        m_allowedHosts << unscoped.toString().toLower();
-    }
-    m_allowedHosts.removeDuplicates();
+    QList<QHostAddress> addresses{m_options.address};
+    addresses << QNetworkInterface::allAddresses();
+    m_guard = ApiRequestGuard(m_options.allowedHosts, addresses);
 
     httplib::Server& server = *m_server;
     server.set_payload_max_length(MaxBodyBytes);
@@ -202,7 +193,7 @@ bool ControlApi::start(QString* error)
             return httplib::Server::HandlerResponse::Handled;
         }
         const std::string host = request.get_header_value("Host");
-        if (!hostAllowed(host)) {
+        if (!m_guard.hostAllowed(host)) {
             LOG4CPLUS_WARN(logger(), "Refused a request for foreign host " << QString::fromStdString(host) << " from "
                                                                             << QString::fromStdString(request.remote_addr));
             sendError(response, 403, QStringLiteral("Forbidden"), QStringLiteral("Forbidden"),
@@ -211,7 +202,7 @@ bool ControlApi::start(QString* error)
                           .arg(QString::fromStdString(host)));
             return httplib::Server::HandlerResponse::Handled;
         }
-        if (request.has_header("Origin") && !originAllowed(request.get_header_value("Origin"), host)) {
+        if (request.has_header("Origin") && !ApiRequestGuard::originAllowed(request.get_header_value("Origin"), host)) {
             const QString origin = QString::fromStdString(request.get_header_value("Origin"));
             LOG4CPLUS_WARN(logger(), "Refused a request from the web page at " << origin << " from "
                                                                                << QString::fromStdString(request.remote_addr));
@@ -384,58 +375,6 @@ void ControlApi::stop()
         m_server->closeConnections();
         LOG4CPLUS_INFO(logger(), "Control API stopped");
     }
-}
-
-bool ControlApi::hostAllowed(const std::string& hostHeader) const
-{
-    QString host = QString::fromStdString(hostHeader).trimmed().toLower();
-    QString port;
-    bool hasPort = false;
-    if (host.startsWith(QLatin1Char('['))) {
-        const int close = host.indexOf(QLatin1Char(']'));
-        if (close < 0)
-            return false;
-        const QString rest = host.mid(close + 1);
-        if (!rest.isEmpty() && !rest.startsWith(QLatin1Char(':')))
-            return false;
-        hasPort = !rest.isEmpty();
-        port = rest.mid(1);
-        host = host.mid(1, close - 1);
-    } else if (host.count(QLatin1Char(':')) == 1) {
-        hasPort = true;
-        port = host.mid(host.indexOf(QLatin1Char(':')) + 1);
-        host = host.left(host.indexOf(QLatin1Char(':')));
-    }
-    if (hasPort) {
-        bool number = false;
-        const int value = port.toInt(&number);
-        if (!number || value < 1 || value > 65535 || port.size() > 5 || !port.at(0).isDigit())
-            return false;
-    }
-    if (host.endsWith(QLatin1Char('.')))
-        host.chop(1);
-    if (host.isEmpty())
-        return false;
-    QHostAddress literal;
-    if (literal.setAddress(host)) {
-        literal.setScopeId(QString());
-        host = literal.toString().toLower();
-    }
-    return m_allowedHosts.contains(host);
-}
-
-bool ControlApi::originAllowed(const std::string& originHeader, const std::string& hostHeader)
-{
-    const QUrl origin(QString::fromStdString(originHeader).trimmed(), QUrl::StrictMode);
-    // "null" (a sandboxed or local file page) names no host: never ours.
-    if (!origin.isValid() || origin.host().isEmpty())
-        return false;
-    const QUrl target(origin.scheme() + QStringLiteral("://") + QString::fromStdString(hostHeader).trimmed(),
-                      QUrl::StrictMode);
-    if (!target.isValid() || target.host().isEmpty())
-        return false;
-    const int defaultPort = origin.scheme() == QLatin1String("https") ? 443 : 80;
-    return origin.host() == target.host() && origin.port(defaultPort) == target.port(defaultPort);
 }
 
 ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)

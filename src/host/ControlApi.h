@@ -12,6 +12,7 @@
 #include <QStringList>
 #include <QVariant>
 
+#include "ApiRequestGuard.h"
 #include "CMError.h"
 #include "CMReply.h"
 
@@ -26,7 +27,8 @@ class EventStream;
 // The HTTP/JSON control API. The server runs in threads of its own; every
 // request that reads or changes the data model is handed to the event-loop
 // thread (this object's thread) and waited for with a bound, so nodes and
-// values are only ever touched there.
+// values are only ever touched there. Requests pass ApiRequestGuard's door
+// checks first.
 //   GET  /api/v1/host                      {"id","name","host","address","requestPort","version"}
 //   GET  /api/v1/value?path=P              {"path","value"}
 //   PUT  /api/v1/value?path=P   body V     {"path","value"}
@@ -87,11 +89,6 @@ private:
 
     LoopOutcome runOnLoop(const LoopWork& work, int waitMs);
     void answer(const LoopOutcome& outcome, int waitMs, Response& response);
-    bool hostAllowed(const std::string& hostHeader) const;
-    // A browser names the page a request comes from in its Origin header;
-    // only this host's own page (same host and port as the request's Host)
-    // may use the API, so that a foreign page cannot make the device act.
-    static bool originAllowed(const std::string& originHeader, const std::string& hostHeader);
     bool pathParameter(const Request& request, Response& response, QString* path);
 
     void handleHost(const Request& request, Response& response);
@@ -116,7 +113,7 @@ private:
     std::unique_ptr<ControlServer> m_server;
     std::thread m_thread;
     EventStream* m_events;
-    QStringList m_allowedHosts;
+    ApiRequestGuard m_guard;
     quint16 m_port = 0;
     std::atomic<bool> m_stopping{false};
 };
