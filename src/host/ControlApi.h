@@ -13,7 +13,7 @@
 #include <QVariant>
 
 #include "ApiRequestGuard.h"
-#include "CMError.h"
+#include "ApiResponse.h"
 #include "CMReply.h"
 
 namespace httplib {
@@ -28,7 +28,7 @@ class EventStream;
 // request that reads or changes the data model is handed to the event-loop
 // thread (this object's thread) and waited for with a bound, so nodes and
 // values are only ever touched there. Requests pass ApiRequestGuard's door
-// checks first.
+// checks first; ApiResponse builds the answers and refusals.
 //   GET  /api/v1/host                      {"id","name","host","address","requestPort","version"}
 //   GET  /api/v1/value?path=P              {"path","value"}
 //   PUT  /api/v1/value?path=P   body V     {"path","value"}
@@ -79,16 +79,8 @@ private:
     // for refusals of its own (the reply's error then carries the message).
     using LoopWork = std::function<void(const CMReply<QVariant>& reply, int* status)>;
 
-    struct LoopOutcome
-    {
-        bool answered = false;
-        int status = 200;
-        QVariant result;
-        CMError error;
-    };
-
-    LoopOutcome runOnLoop(const LoopWork& work, int waitMs);
-    void answer(const LoopOutcome& outcome, int waitMs, Response& response);
+    ApiResponse::Outcome runOnLoop(const LoopWork& work, int waitMs);
+    void answer(const ApiResponse::Outcome& outcome, int waitMs, Response& response);
     bool pathParameter(const Request& request, Response& response, QString* path);
 
     void handleHost(const Request& request, Response& response);
