@@ -79,6 +79,37 @@ QVariantHash valueAnswer(const QString& path)
     return answer;
 }
 
+// The request's ?path= in its canonical form; false after answering 400
+// when it is missing or not a path.
+bool pathParameter(const httplib::Request& request, httplib::Response& response, QString* path)
+{
+    if (!request.has_param("path")) {
+        ApiResponse::badRequest(response,
+                                QStringLiteral("The query parameter 'path' is missing, e.g. ?path=/settings/device/name"));
+        return false;
+    }
+    *path = QString::fromStdString(request.get_param_value("path"));
+    if (!path->startsWith(QLatin1Char('/')) || CMPath(*path).isEmpty()) {
+        ApiResponse::badRequest(
+            response, QStringLiteral("'%1' is not a path; paths start with /, e.g. /settings/device/name").arg(*path));
+        return false;
+    }
+    *path = CMPath(*path).toString();
+    return true;
+}
+
+// The request's body, one JSON object (an empty body is an empty one);
+// false after answering 400 otherwise.
+bool bodyObject(const httplib::Request& request, httplib::Response& response, QVariantHash* value)
+{
+    QString parseError;
+    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), value, &parseError)) {
+        ApiResponse::badRequest(response, parseError);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 ControlApi::ControlApi(const Options& options, QObject* parent)
@@ -300,6 +331,20 @@ void ControlApi::stop()
     }
 }
 
+void ControlApi::serve(Response& response, const LoopWork& work)
+{
+    serve(response, work, Answering());
+}
+
+void ControlApi::serve(Response& response, const LoopWork& work, const Answering& answering)
+{
+    const ApiResponse::Outcome outcome = runOnLoop(work, answering.waitMs);
+    const QString timeoutMessage = answering.timeoutMessage.isEmpty()
+        ? QStringLiteral("No answer within %1 ms").arg(answering.waitMs)
+        : answering.timeoutMessage;
+    ApiResponse::sendOutcome(response, outcome, timeoutMessage, answering.wrapResult);
+}
+
 ApiResponse::Outcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
 {
     const CMReply<QVariant> reply;
@@ -340,48 +385,21 @@ ApiResponse::Outcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
     return outcome;
 }
 
-void ControlApi::answer(const ApiResponse::Outcome& outcome, int waitMs, Response& response)
-{
-    ApiResponse::sendOutcome(response, outcome, QStringLiteral("No answer within %1 ms").arg(waitMs), false);
-}
-
-bool ControlApi::pathParameter(const Request& request, Response& response, QString* path)
-{
-    if (!request.has_param("path")) {
-        ApiResponse::badRequest(response,
-                                QStringLiteral("The query parameter 'path' is missing, e.g. ?path=/settings/device/name"));
-        return false;
-    }
-    *path = QString::fromStdString(request.get_param_value("path"));
-    if (!path->startsWith(QLatin1Char('/')) || CMPath(*path).isEmpty()) {
-        ApiResponse::badRequest(
-            response, QStringLiteral("'%1' is not a path; paths start with /, e.g. /settings/device/name").arg(*path));
-        return false;
-    }
-    *path = CMPath(*path).toString();
-    return true;
-}
-
 void ControlApi::handleHost(const Request&, Response& response)
 {
     const QString version = m_options.version;
-    const ApiResponse::Outcome outcome = runOnLoop(
-        [version](const CMReply<QVariant>& reply, int*) {
-            const TarvSystemMember record =
-                TarvValue(CMRoot()->getValue(TarvSystemMemberPath()).toHash()).systemMember();
-            QVariantHash host;
-            host.insert(QStringLiteral("id"),
-                        TarvValue(CMRoot()->getValue(TarvSystemMemberIdPath()).toHash()).string_());
-            host.insert(QStringLiteral("name"),
-                        TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_());
-            host.insert(QStringLiteral("host"), record.host());
-            host.insert(QStringLiteral("address"), record.ipAddress());
-            host.insert(QStringLiteral("requestPort"), TarvRequestPort());
-            host.insert(QStringLiteral("version"), version);
-            reply.setResult(host);
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    serve(response, [version](const CMReply<QVariant>& reply, int*) {
+        const TarvSystemMember record = TarvValue(CMRoot()->getValue(TarvSystemMemberPath()).toHash()).systemMember();
+        QVariantHash host;
+        host.insert(QStringLiteral("id"), TarvValue(CMRoot()->getValue(TarvSystemMemberIdPath()).toHash()).string_());
+        host.insert(QStringLiteral("name"),
+                    TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_());
+        host.insert(QStringLiteral("host"), record.host());
+        host.insert(QStringLiteral("address"), record.ipAddress());
+        host.insert(QStringLiteral("requestPort"), TarvRequestPort());
+        host.insert(QStringLiteral("version"), version);
+        reply.setResult(host);
+    });
 }
 
 void ControlApi::handleGetValue(const Request& request, Response& response)
@@ -389,14 +407,10 @@ void ControlApi::handleGetValue(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    const ApiResponse::Outcome outcome = runOnLoop(
-        [path](const CMReply<QVariant>& reply, int* status) {
-            if (failUnlessValue(path, true, reply, status))
-                return;
+    serve(response, [path](const CMReply<QVariant>& reply, int* status) {
+        if (!failUnlessValue(path, true, reply, status))
             reply.setResult(valueAnswer(path));
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    });
 }
 
 void ControlApi::handlePutValue(const Request& request, Response& response)
@@ -404,30 +418,24 @@ void ControlApi::handlePutValue(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    QVariantHash value;
-    QString parseError;
     if (request.body.empty()) {
         ApiResponse::badRequest(response, QStringLiteral("PUT needs the new value as a JSON object in the body"));
         return;
     }
-    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
-        ApiResponse::badRequest(response, parseError);
+    QVariantHash value;
+    if (!bodyObject(request, response, &value))
         return;
-    }
-    const ApiResponse::Outcome outcome = runOnLoop(
-        [path, value](const CMReply<QVariant>& reply, int* status) {
-            if (failUnlessValue(path, false, reply, status))
-                return;
-            const QString refusal = CMRoot()->storeValue(path, value);
-            if (!refusal.isEmpty()) {
-                *status = 422;
-                reply.setError(ApiResponse::error(QStringLiteral("Refused"), QStringLiteral("Value refused"), refusal));
-                return;
-            }
-            reply.setResult(valueAnswer(path));
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    serve(response, [path, value](const CMReply<QVariant>& reply, int* status) {
+        if (failUnlessValue(path, false, reply, status))
+            return;
+        const QString refusal = CMRoot()->storeValue(path, value);
+        if (!refusal.isEmpty()) {
+            *status = 422;
+            reply.setError(ApiResponse::error(QStringLiteral("Refused"), QStringLiteral("Value refused"), refusal));
+            return;
+        }
+        reply.setResult(valueAnswer(path));
+    });
 }
 
 void ControlApi::handleInvoke(const Request& request, Response& response)
@@ -435,11 +443,11 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    int waitMs = DefaultWaitMs;
+    Answering answering;
     if (request.has_param("timeout_ms")) {
         bool ok = false;
-        waitMs = QString::fromStdString(request.get_param_value("timeout_ms")).toInt(&ok);
-        if (!ok || waitMs < 1 || waitMs > MaxInvokeWaitMs) {
+        answering.waitMs = QString::fromStdString(request.get_param_value("timeout_ms")).toInt(&ok);
+        if (!ok || answering.waitMs < 1 || answering.waitMs > MaxInvokeWaitMs) {
             ApiResponse::badRequest(
                 response,
                 QStringLiteral("timeout_ms must be a whole number of milliseconds from 1 to %1").arg(MaxInvokeWaitMs));
@@ -447,12 +455,13 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
         }
     }
     QVariantHash value;
-    QString parseError;
-    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
-        ApiResponse::badRequest(response, parseError);
+    if (!bodyObject(request, response, &value))
         return;
-    }
-    const ApiResponse::Outcome outcome = runOnLoop(
+    answering.timeoutMessage =
+        QStringLiteral("The action at %1 did not answer within %2 ms").arg(path).arg(answering.waitMs);
+    answering.wrapResult = true;
+    serve(
+        response,
         [path, value](const CMReply<QVariant>& reply, int* status) {
             CMNode* node = CMRoot()->findNode(path);
             if (!qobject_cast<CMActivateNode*>(node)) {
@@ -462,9 +471,7 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
             }
             CMRoot()->invoke(path, TarvHash(value), reply);
         },
-        waitMs);
-    ApiResponse::sendOutcome(response, outcome,
-                             QStringLiteral("The action at %1 did not answer within %2 ms").arg(path).arg(waitMs), true);
+        answering);
 }
 
 void ControlApi::handleRows(const Request& request, Response& response)
@@ -472,60 +479,54 @@ void ControlApi::handleRows(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    const ApiResponse::Outcome outcome = runOnLoop(
-        [path](const CMReply<QVariant>& reply, int* status) {
-            CMNode* node = CMRoot()->findNode(path);
-            auto* list = qobject_cast<CMListRowsNode*>(node);
-            if (!list) {
-                *status = 404;
-                reply.setError(!node && CMRoot()->hasValue(path)
-                                   ? ApiResponse::notFound(QStringLiteral("%1 is a value, not a list; read it with "
-                                                                          "GET /api/v1/value?path=%1")
-                                                               .arg(path))
-                                   : ApiResponse::notFoundAt(path, QStringLiteral("a list"), kindOf(node)));
-                return;
-            }
-            QVariantHash result;
-            result.insert(QStringLiteral("path"), path);
-            result.insert(QStringLiteral("title"), list->title().toString());
-            result.insert(QStringLiteral("loading"), list->isLoading());
-            result.insert(QStringLiteral("rows"), list->rows());
-            reply.setResult(result);
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    serve(response, [path](const CMReply<QVariant>& reply, int* status) {
+        CMNode* node = CMRoot()->findNode(path);
+        auto* list = qobject_cast<CMListRowsNode*>(node);
+        if (!list) {
+            *status = 404;
+            reply.setError(!node && CMRoot()->hasValue(path)
+                               ? ApiResponse::notFound(QStringLiteral("%1 is a value, not a list; read it with GET "
+                                                                      "/api/v1/value?path=%1")
+                                                           .arg(path))
+                               : ApiResponse::notFoundAt(path, QStringLiteral("a list"), kindOf(node)));
+            return;
+        }
+        QVariantHash result;
+        result.insert(QStringLiteral("path"), path);
+        result.insert(QStringLiteral("title"), list->title().toString());
+        result.insert(QStringLiteral("loading"), list->isLoading());
+        result.insert(QStringLiteral("rows"), list->rows());
+        reply.setResult(result);
+    });
 }
 
 void ControlApi::handleTree(const Request&, Response& response)
 {
-    const ApiResponse::Outcome outcome = runOnLoop(
-        [](const CMReply<QVariant>& reply, int*) {
-            QList<CMNode*> nodes = CMRoot()->allNodes();
-            std::sort(nodes.begin(), nodes.end(), [](CMNode* a, CMNode* b) { return a->path() < b->path(); });
-            QVariantList nodeList;
-            for (CMNode* node : qAsConst(nodes)) {
-                QVariantHash entry;
-                entry.insert(QStringLiteral("path"), node->path().toString());
-                entry.insert(QStringLiteral("kind"), node->kind());
-                entry.insert(QStringLiteral("title"), titleOf(node));
-                if (auto* list = qobject_cast<CMListRowsNode*>(node)) {
-                    entry.insert(QStringLiteral("loading"), list->isLoading());
-                    entry.insert(QStringLiteral("rows"), list->rows());
-                }
-                nodeList.append(entry);
+    serve(response, [](const CMReply<QVariant>& reply, int*) {
+        QList<CMNode*> nodes = CMRoot()->allNodes();
+        std::sort(nodes.begin(), nodes.end(), [](CMNode* a, CMNode* b) { return a->path() < b->path(); });
+        QVariantList nodeList;
+        for (CMNode* node : qAsConst(nodes)) {
+            QVariantHash entry;
+            entry.insert(QStringLiteral("path"), node->path().toString());
+            entry.insert(QStringLiteral("kind"), node->kind());
+            entry.insert(QStringLiteral("title"), titleOf(node));
+            if (auto* list = qobject_cast<CMListRowsNode*>(node)) {
+                entry.insert(QStringLiteral("loading"), list->isLoading());
+                entry.insert(QStringLiteral("rows"), list->rows());
             }
-            QList<CMPath> paths = CMRoot()->valuePaths();
-            std::sort(paths.begin(), paths.end());
-            QVariantList values;
-            for (const CMPath& path : qAsConst(paths))
-                values.append(path.toString());
-            QVariantHash result;
-            result.insert(QStringLiteral("nodes"), nodeList);
-            result.insert(QStringLiteral("values"), values);
-            reply.setResult(result);
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+            nodeList.append(entry);
+        }
+        QList<CMPath> paths = CMRoot()->valuePaths();
+        std::sort(paths.begin(), paths.end());
+        QVariantList values;
+        for (const CMPath& path : qAsConst(paths))
+            values.append(path.toString());
+        QVariantHash result;
+        result.insert(QStringLiteral("nodes"), nodeList);
+        result.insert(QStringLiteral("values"), values);
+        reply.setResult(result);
+    });
 }
 
 void ControlApi::handleEvents(const Request&, Response& response)

@@ -79,9 +79,22 @@ private:
     // for refusals of its own (the reply's error then carries the message).
     using LoopWork = std::function<void(const CMReply<QVariant>& reply, int* status)>;
 
+    // How serve() waits for its work and answers with what it came to.
+    struct Answering
+    {
+        int waitMs = DefaultWaitMs;
+        // The 504's message; empty: "No answer within N ms".
+        QString timeoutMessage;
+        // Sends {"result": R}: an action's result may be any JSON value.
+        bool wrapResult = false;
+    };
+
+    // The skeleton of every request that reads or changes the data model:
+    // runs `work` on the event loop, waits for it within the bound and
+    // answers. The handlers read and check the request before.
+    void serve(Response& response, const LoopWork& work);
+    void serve(Response& response, const LoopWork& work, const Answering& answering);
     ApiResponse::Outcome runOnLoop(const LoopWork& work, int waitMs);
-    void answer(const ApiResponse::Outcome& outcome, int waitMs, Response& response);
-    bool pathParameter(const Request& request, Response& response, QString* path);
 
     void handleHost(const Request& request, Response& response);
     void handleGetValue(const Request& request, Response& response);
