@@ -7,10 +7,7 @@
 
 #include <sys/socket.h>
 
-#include <QJsonArray>
-#include <QJsonObject>
 #include <QNetworkInterface>
-#include <QUrl>
 
 #include <httplib.h>
 
@@ -33,61 +30,10 @@ log4cplus::Logger logger()
     return TarvLog::logger("ControlApi");
 }
 
-const char* const jsonType = "application/json; charset=utf-8";
 // How long an idle event stream waits before it proves the client is still
 // there with a comment line.
 const int keepAliveMs = 10000;
 const int eventWaitMs = 250;
-
-void sendJson(httplib::Response& response, int status, const QJsonObject& object)
-{
-    response.status = status;
-    response.set_content(TarvJson::toBytes(object).toStdString(), jsonType);
-}
-
-// {"error": {"name", "title", "message"}}, the body of every refusal.
-QJsonObject errorObject(const QString& name, const QString& title, const QString& message)
-{
-    QJsonObject inner;
-    inner.insert(QStringLiteral("name"), name);
-    inner.insert(QStringLiteral("title"), title);
-    inner.insert(QStringLiteral("message"), message);
-    return QJsonObject{{QStringLiteral("error"), inner}};
-}
-
-void sendError(httplib::Response& response, int status, const QString& name, const QString& title,
-               const QString& message)
-{
-    sendJson(response, status, errorObject(name, title, message));
-}
-
-void badRequest(httplib::Response& response, const QString& message)
-{
-    sendError(response, 400, QStringLiteral("BadRequest"), QStringLiteral("Bad request"), message);
-}
-
-CMError makeError(const QString& name, const QString& title, const QString& message)
-{
-    CMError error;
-    error.setName(name).setTitle(title).setMessage(message);
-    return error;
-}
-
-CMError notFound(const QString& message)
-{
-    return makeError(QStringLiteral("NotFound"), QStringLiteral("Not found"), message);
-}
-
-CMError shuttingDown()
-{
-    return makeError(QStringLiteral("Unavailable"), QStringLiteral("Shutting down"),
-                     QStringLiteral("The host is shutting down"));
-}
-
-void sendError(httplib::Response& response, int status, const CMError& error)
-{
-    sendError(response, status, error.name(), error.title(), error.message());
-}
 
 QString methodList(const char* const* methods)
 {
@@ -117,14 +63,10 @@ bool failUnlessValue(const QString& path, bool reading, const CMReply<QVariant>&
         return false;
     *status = 404;
     CMNode* node = CMRoot()->findNode(path);
-    if (!node) {
-        reply.setError(notFound(QStringLiteral("No value at %1").arg(path)));
-        return true;
-    }
     const QString hint = reading && qobject_cast<CMListRowsNode*>(node)
         ? QStringLiteral("; read it with GET /api/v1/rows?path=") + path
         : QString();
-    reply.setError(notFound(QStringLiteral("%1 is a %2 node, not a value%3").arg(path, kindOf(node), hint)));
+    reply.setError(ApiResponse::notFoundAt(path, QStringLiteral("a value"), kindOf(node), hint));
     return true;
 }
 
@@ -137,6 +79,37 @@ QVariantHash valueAnswer(const QString& path)
     return answer;
 }
 
+// The request's ?path= in its canonical form; false after answering 400
+// when it is missing or not a path.
+bool pathParameter(const httplib::Request& request, httplib::Response& response, QString* path)
+{
+    if (!request.has_param("path")) {
+        ApiResponse::badRequest(response,
+                                QStringLiteral("The query parameter 'path' is missing, e.g. ?path=/settings/device/name"));
+        return false;
+    }
+    *path = QString::fromStdString(request.get_param_value("path"));
+    if (!path->startsWith(QLatin1Char('/')) || CMPath(*path).isEmpty()) {
+        ApiResponse::badRequest(
+            response, QStringLiteral("'%1' is not a path; paths start with /, e.g. /settings/device/name").arg(*path));
+        return false;
+    }
+    *path = CMPath(*path).toString();
+    return true;
+}
+
+// The request's body, one JSON object (an empty body is an empty one);
+// false after answering 400 otherwise.
+bool bodyObject(const httplib::Request& request, httplib::Response& response, QVariantHash* value)
+{
+    QString parseError;
+    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), value, &parseError)) {
+        ApiResponse::badRequest(response, parseError);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 ControlApi::ControlApi(const Options& options, QObject* parent)
@@ -146,10 +119,9 @@ ControlApi::ControlApi(const Options& options, QObject* parent)
       // requests (waiting connections hold none).
       m_server(new ControlServer(EventStream::MaxSubscribers + 8,
                                  [](const std::string& name, const std::string& title, const std::string& message) {
-                                     return TarvJson::toBytes(errorObject(QString::fromStdString(name),
-                                                                          QString::fromStdString(title),
-                                                                          QString::fromStdString(message)))
-                                         .toStdString();
+                                     return ApiResponse::errorBody(QString::fromStdString(name),
+                                                                   QString::fromStdString(title),
+                                                                   QString::fromStdString(message));
                                  })),
       m_events(new EventStream(this))
 {
@@ -181,48 +153,41 @@ QString ControlApi::url() const
 
 bool ControlApi::start(QString* error)
 {
-    m_allowedHosts.clear();
-    for (const QString& name : qAsConst(m_options.allowedHosts))
-        m_allowedHosts << name.toLower();
-    m_allowedHosts << QStringLiteral("localhost") << QStringLiteral("localhost.localdomain")
-                   << m_options.address.toString().toLower();
-    for (const QHostAddress& address : QNetworkInterface::allAddresses()) {
-        QHostAddress unscoped(address);
-        unscoped.setScopeId(QString());
-        m_allowedHosts << unscoped.toString().toLower();
-    }
-    m_allowedHosts.removeDuplicates();
+    QList<QHostAddress> addresses{m_options.address};
+    addresses << QNetworkInterface::allAddresses();
+    m_guard = ApiRequestGuard(m_options.allowedHosts, addresses);
 
     httplib::Server& server = *m_server;
     server.set_payload_max_length(MaxBodyBytes);
 
     server.set_pre_routing_handler([this](const Request& request, Response& response) {
         if (!request.has_header("Host")) {
-            badRequest(response, QStringLiteral("The request has no Host header"));
+            ApiResponse::badRequest(response, QStringLiteral("The request has no Host header"));
             return httplib::Server::HandlerResponse::Handled;
         }
         const std::string host = request.get_header_value("Host");
-        if (!hostAllowed(host)) {
+        if (!m_guard.hostAllowed(host)) {
             LOG4CPLUS_WARN(logger(), "Refused a request for foreign host " << QString::fromStdString(host) << " from "
                                                                             << QString::fromStdString(request.remote_addr));
-            sendError(response, 403, QStringLiteral("Forbidden"), QStringLiteral("Forbidden"),
-                      QStringLiteral("This host does not answer to the name '%1' (Host header); use its address or "
-                                     "host name")
-                          .arg(QString::fromStdString(host)));
+            ApiResponse::sendError(response, 403,
+                                   ApiResponse::forbidden(QStringLiteral("This host does not answer to the name '%1' "
+                                                                         "(Host header); use its address or host name")
+                                                              .arg(QString::fromStdString(host))));
             return httplib::Server::HandlerResponse::Handled;
         }
-        if (request.has_header("Origin") && !originAllowed(request.get_header_value("Origin"), host)) {
+        if (request.has_header("Origin") && !ApiRequestGuard::originAllowed(request.get_header_value("Origin"), host)) {
             const QString origin = QString::fromStdString(request.get_header_value("Origin"));
             LOG4CPLUS_WARN(logger(), "Refused a request from the web page at " << origin << " from "
                                                                                << QString::fromStdString(request.remote_addr));
-            sendError(response, 403, QStringLiteral("Forbidden"), QStringLiteral("Forbidden"),
-                      QStringLiteral("Requests from the web page at '%1' are refused; only this host's own page may "
-                                     "use the API from a browser")
-                          .arg(origin));
+            ApiResponse::sendError(response, 403,
+                                   ApiResponse::forbidden(QStringLiteral("Requests from the web page at '%1' are "
+                                                                         "refused; only this host's own page may use "
+                                                                         "the API from a browser")
+                                                              .arg(origin)));
             return httplib::Server::HandlerResponse::Handled;
         }
         if (m_stopping) {
-            sendError(response, 503, shuttingDown());
+            ApiResponse::sendError(response, 503, ApiResponse::shuttingDown());
             return httplib::Server::HandlerResponse::Handled;
         }
         LOG4CPLUS_DEBUG(logger(), "Request " << QString::fromStdString(request.method + " " + request.path) << " from "
@@ -233,32 +198,8 @@ bool ControlApi::start(QString* error)
     server.set_error_handler(httplib::Server::HandlerWithResponse([](const Request& request, Response& response) {
         if (!response.body.empty())
             return httplib::Server::HandlerResponse::Unhandled;
-        // A request line httplib could not take leaves method and path empty.
-        const QString what = request.method.empty() ? QStringLiteral("The request")
-                                                    : QString::fromStdString(request.method + " " + request.path);
-        switch (response.status) {
-        case 404:
-            sendError(response, 404, QStringLiteral("NotFound"), QStringLiteral("Not found"),
-                      QStringLiteral("No such endpoint: %1. The API is /api/v1/host, value, invoke, rows, tree and "
-                                     "events")
-                          .arg(what));
-            break;
-        case 413:
-            sendError(response, 413, QStringLiteral("PayloadTooLarge"), QStringLiteral("Request body too large"),
-                      QStringLiteral("The request body is larger than %1 bytes").arg(MaxBodyBytes));
-            break;
-        case 414:
-            sendError(response, 414, QStringLiteral("UriTooLong"), QStringLiteral("Request line too long"),
-                      QStringLiteral("The request line is longer than %1 bytes").arg(CPPHTTPLIB_REQUEST_URI_MAX_LENGTH));
-            break;
-        case 400:
-            badRequest(response, QStringLiteral("The HTTP request is malformed"));
-            break;
-        default:
-            sendError(response, response.status, QStringLiteral("Error"), QStringLiteral("Error"),
-                      QStringLiteral("%1 failed with HTTP status %2").arg(what).arg(response.status));
-            break;
-        }
+        ApiResponse::sendError(response, response.status,
+                               ApiResponse::serverRefusal(response.status, request.method, request.path, MaxBodyBytes));
         return httplib::Server::HandlerResponse::Handled;
     }));
 
@@ -272,8 +213,9 @@ bool ControlApi::start(QString* error)
         }
         LOG4CPLUS_ERROR(logger(), "Request " << QString::fromStdString(request.method + " " + request.path)
                                              << " failed: " << reason);
-        sendError(response, 500, QStringLiteral("InternalError"), QStringLiteral("Internal error"),
-                  QStringLiteral("The host failed to handle the request: ") + reason);
+        ApiResponse::sendError(response, 500,
+                               ApiResponse::error(QStringLiteral("InternalError"), QStringLiteral("Internal error"),
+                                                  QStringLiteral("The host failed to handle the request: ") + reason));
     });
 
     // Every endpoint answers every method: the ones it serves, and a clear
@@ -300,9 +242,12 @@ bool ControlApi::start(QString* error)
         const QString allowed = methodList(endpoint.methods);
         const auto refuse = [allowed](const Request& request, Response& response) {
             response.set_header("Allow", allowed.toStdString());
-            sendError(response, 405, QStringLiteral("MethodNotAllowed"), QStringLiteral("Method not allowed"),
-                      QStringLiteral("%1 does not take %2; use %3")
-                          .arg(QString::fromStdString(request.path), QString::fromStdString(request.method), allowed));
+            ApiResponse::sendError(response, 405,
+                                   ApiResponse::error(QStringLiteral("MethodNotAllowed"),
+                                                      QStringLiteral("Method not allowed"),
+                                                      QStringLiteral("%1 does not take %2; use %3")
+                                                          .arg(QString::fromStdString(request.path),
+                                                               QString::fromStdString(request.method), allowed)));
         };
         const auto serves = [&endpoint](const char* method) {
             for (const char* const* m = endpoint.methods; *m; ++m) {
@@ -375,7 +320,7 @@ void ControlApi::stop()
             if (pending.reply.isFinished())
                 continue;
             *pending.status = 503;
-            pending.reply.setError(shuttingDown());
+            pending.reply.setError(ApiResponse::shuttingDown());
         }
     }
     if (m_thread.joinable()) {
@@ -386,59 +331,21 @@ void ControlApi::stop()
     }
 }
 
-bool ControlApi::hostAllowed(const std::string& hostHeader) const
+void ControlApi::serve(Response& response, const LoopWork& work)
 {
-    QString host = QString::fromStdString(hostHeader).trimmed().toLower();
-    QString port;
-    bool hasPort = false;
-    if (host.startsWith(QLatin1Char('['))) {
-        const int close = host.indexOf(QLatin1Char(']'));
-        if (close < 0)
-            return false;
-        const QString rest = host.mid(close + 1);
-        if (!rest.isEmpty() && !rest.startsWith(QLatin1Char(':')))
-            return false;
-        hasPort = !rest.isEmpty();
-        port = rest.mid(1);
-        host = host.mid(1, close - 1);
-    } else if (host.count(QLatin1Char(':')) == 1) {
-        hasPort = true;
-        port = host.mid(host.indexOf(QLatin1Char(':')) + 1);
-        host = host.left(host.indexOf(QLatin1Char(':')));
-    }
-    if (hasPort) {
-        bool number = false;
-        const int value = port.toInt(&number);
-        if (!number || value < 1 || value > 65535 || port.size() > 5 || !port.at(0).isDigit())
-            return false;
-    }
-    if (host.endsWith(QLatin1Char('.')))
-        host.chop(1);
-    if (host.isEmpty())
-        return false;
-    QHostAddress literal;
-    if (literal.setAddress(host)) {
-        literal.setScopeId(QString());
-        host = literal.toString().toLower();
-    }
-    return m_allowedHosts.contains(host);
+    serve(response, work, Answering());
 }
 
-bool ControlApi::originAllowed(const std::string& originHeader, const std::string& hostHeader)
+void ControlApi::serve(Response& response, const LoopWork& work, const Answering& answering)
 {
-    const QUrl origin(QString::fromStdString(originHeader).trimmed(), QUrl::StrictMode);
-    // "null" (a sandboxed or local file page) names no host: never ours.
-    if (!origin.isValid() || origin.host().isEmpty())
-        return false;
-    const QUrl target(origin.scheme() + QStringLiteral("://") + QString::fromStdString(hostHeader).trimmed(),
-                      QUrl::StrictMode);
-    if (!target.isValid() || target.host().isEmpty())
-        return false;
-    const int defaultPort = origin.scheme() == QLatin1String("https") ? 443 : 80;
-    return origin.host() == target.host() && origin.port(defaultPort) == target.port(defaultPort);
+    const ApiResponse::Outcome outcome = runOnLoop(work, answering.waitMs);
+    const QString timeoutMessage = answering.timeoutMessage.isEmpty()
+        ? QStringLiteral("No answer within %1 ms").arg(answering.waitMs)
+        : answering.timeoutMessage;
+    ApiResponse::sendOutcome(response, outcome, timeoutMessage, answering.wrapResult);
 }
 
-ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
+ApiResponse::Outcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
 {
     const CMReply<QVariant> reply;
     const auto status = std::make_shared<int>(200);
@@ -449,17 +356,18 @@ ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
         // a loop that no longer runs; stop() sets the flag before it answers
         // the pending ones under this lock, so each request sees one or the other.
         if (m_stopping) {
-            LoopOutcome refused;
+            ApiResponse::Outcome refused;
             refused.answered = true;
             refused.status = 503;
-            refused.error = shuttingDown();
+            refused.failed = true;
+            refused.error = ApiResponse::shuttingDown();
             return refused;
         }
         pending = m_pending.insert(m_pending.end(), Pending{reply, status});
     }
     QMetaObject::invokeMethod(
         this, [work, reply, status] { work(reply, status.get()); }, Qt::QueuedConnection);
-    LoopOutcome outcome;
+    ApiResponse::Outcome outcome;
     outcome.answered = reply.waitForFinished(static_cast<unsigned long>(waitMs));
     {
         std::lock_guard<std::mutex> locker(m_pendingMutex);
@@ -469,66 +377,29 @@ ControlApi::LoopOutcome ControlApi::runOnLoop(const LoopWork& work, int waitMs)
         return outcome;
     // The reply's lock orders these reads after the loop's writes.
     outcome.status = *status;
-    if (reply.hasError()) {
+    outcome.failed = reply.hasError();
+    if (outcome.failed)
         outcome.error = reply.error();
-        if (outcome.status == 200)
-            outcome.status = 422;
-    } else {
+    else
         outcome.result = reply.result();
-    }
     return outcome;
-}
-
-void ControlApi::answer(const LoopOutcome& outcome, int waitMs, Response& response)
-{
-    if (!outcome.answered) {
-        sendError(response, 504, QStringLiteral("Timeout"), QStringLiteral("No answer"),
-                  QStringLiteral("No answer within %1 ms").arg(waitMs));
-        return;
-    }
-    if (outcome.status >= 400) {
-        sendError(response, outcome.status, outcome.error.name(), outcome.error.title(), outcome.error.message());
-        return;
-    }
-    sendJson(response, outcome.status, TarvJson::fromVariant(outcome.result).toObject());
-}
-
-bool ControlApi::pathParameter(const Request& request, Response& response, QString* path)
-{
-    if (!request.has_param("path")) {
-        badRequest(response, QStringLiteral("The query parameter 'path' is missing, e.g. ?path=/settings/device/name"));
-        return false;
-    }
-    *path = QString::fromStdString(request.get_param_value("path"));
-    if (!path->startsWith(QLatin1Char('/')) || CMPath(*path).isEmpty()) {
-        badRequest(response, QStringLiteral("'%1' is not a path; paths start with /, e.g. /settings/device/name")
-                                 .arg(*path));
-        return false;
-    }
-    *path = CMPath(*path).toString();
-    return true;
 }
 
 void ControlApi::handleHost(const Request&, Response& response)
 {
     const QString version = m_options.version;
-    const LoopOutcome outcome = runOnLoop(
-        [version](const CMReply<QVariant>& reply, int*) {
-            const TarvSystemMember record =
-                TarvValue(CMRoot()->getValue(TarvSystemMemberPath()).toHash()).systemMember();
-            QVariantHash host;
-            host.insert(QStringLiteral("id"),
-                        TarvValue(CMRoot()->getValue(TarvSystemMemberIdPath()).toHash()).string_());
-            host.insert(QStringLiteral("name"),
-                        TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_());
-            host.insert(QStringLiteral("host"), record.host());
-            host.insert(QStringLiteral("address"), record.ipAddress());
-            host.insert(QStringLiteral("requestPort"), TarvRequestPort());
-            host.insert(QStringLiteral("version"), version);
-            reply.setResult(host);
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    serve(response, [version](const CMReply<QVariant>& reply, int*) {
+        const TarvSystemMember record = TarvValue(CMRoot()->getValue(TarvSystemMemberPath()).toHash()).systemMember();
+        QVariantHash host;
+        host.insert(QStringLiteral("id"), TarvValue(CMRoot()->getValue(TarvSystemMemberIdPath()).toHash()).string_());
+        host.insert(QStringLiteral("name"),
+                    TarvValue(CMRoot()->getValue(TarvDeviceNameSettingsPath()).toHash()).string_());
+        host.insert(QStringLiteral("host"), record.host());
+        host.insert(QStringLiteral("address"), record.ipAddress());
+        host.insert(QStringLiteral("requestPort"), TarvRequestPort());
+        host.insert(QStringLiteral("version"), version);
+        reply.setResult(host);
+    });
 }
 
 void ControlApi::handleGetValue(const Request& request, Response& response)
@@ -536,14 +407,10 @@ void ControlApi::handleGetValue(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    const LoopOutcome outcome = runOnLoop(
-        [path](const CMReply<QVariant>& reply, int* status) {
-            if (failUnlessValue(path, true, reply, status))
-                return;
+    serve(response, [path](const CMReply<QVariant>& reply, int* status) {
+        if (!failUnlessValue(path, true, reply, status))
             reply.setResult(valueAnswer(path));
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    });
 }
 
 void ControlApi::handlePutValue(const Request& request, Response& response)
@@ -551,30 +418,24 @@ void ControlApi::handlePutValue(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    QVariantHash value;
-    QString parseError;
     if (request.body.empty()) {
-        badRequest(response, QStringLiteral("PUT needs the new value as a JSON object in the body"));
+        ApiResponse::badRequest(response, QStringLiteral("PUT needs the new value as a JSON object in the body"));
         return;
     }
-    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
-        badRequest(response, parseError);
+    QVariantHash value;
+    if (!bodyObject(request, response, &value))
         return;
-    }
-    const LoopOutcome outcome = runOnLoop(
-        [path, value](const CMReply<QVariant>& reply, int* status) {
-            if (failUnlessValue(path, false, reply, status))
-                return;
-            const QString refusal = CMRoot()->storeValue(path, value);
-            if (!refusal.isEmpty()) {
-                *status = 422;
-                reply.setError(makeError(QStringLiteral("Refused"), QStringLiteral("Value refused"), refusal));
-                return;
-            }
-            reply.setResult(valueAnswer(path));
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    serve(response, [path, value](const CMReply<QVariant>& reply, int* status) {
+        if (failUnlessValue(path, false, reply, status))
+            return;
+        const QString refusal = CMRoot()->storeValue(path, value);
+        if (!refusal.isEmpty()) {
+            *status = 422;
+            reply.setError(ApiResponse::error(QStringLiteral("Refused"), QStringLiteral("Value refused"), refusal));
+            return;
+        }
+        reply.setResult(valueAnswer(path));
+    });
 }
 
 void ControlApi::handleInvoke(const Request& request, Response& response)
@@ -582,46 +443,35 @@ void ControlApi::handleInvoke(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    int waitMs = DefaultWaitMs;
+    Answering answering;
     if (request.has_param("timeout_ms")) {
         bool ok = false;
-        waitMs = QString::fromStdString(request.get_param_value("timeout_ms")).toInt(&ok);
-        if (!ok || waitMs < 1 || waitMs > MaxInvokeWaitMs) {
-            badRequest(response, QStringLiteral("timeout_ms must be a whole number of milliseconds from 1 to %1")
-                                     .arg(MaxInvokeWaitMs));
+        answering.waitMs = QString::fromStdString(request.get_param_value("timeout_ms")).toInt(&ok);
+        if (!ok || answering.waitMs < 1 || answering.waitMs > MaxInvokeWaitMs) {
+            ApiResponse::badRequest(
+                response,
+                QStringLiteral("timeout_ms must be a whole number of milliseconds from 1 to %1").arg(MaxInvokeWaitMs));
             return;
         }
     }
     QVariantHash value;
-    QString parseError;
-    if (!TarvJson::parseObject(QByteArray::fromStdString(request.body), &value, &parseError)) {
-        badRequest(response, parseError);
+    if (!bodyObject(request, response, &value))
         return;
-    }
-    const LoopOutcome outcome = runOnLoop(
+    answering.timeoutMessage =
+        QStringLiteral("The action at %1 did not answer within %2 ms").arg(path).arg(answering.waitMs);
+    answering.wrapResult = true;
+    serve(
+        response,
         [path, value](const CMReply<QVariant>& reply, int* status) {
             CMNode* node = CMRoot()->findNode(path);
             if (!qobject_cast<CMActivateNode*>(node)) {
                 *status = 404;
-                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not an action").arg(path, kindOf(node))
-                                             : QStringLiteral("No action at %1").arg(path)));
+                reply.setError(ApiResponse::notFoundAt(path, QStringLiteral("an action"), kindOf(node)));
                 return;
             }
             CMRoot()->invoke(path, TarvHash(value), reply);
         },
-        waitMs);
-    if (outcome.answered && outcome.status == 200) {
-        QJsonObject result;
-        result.insert(QStringLiteral("result"), TarvJson::fromVariant(outcome.result));
-        sendJson(response, 200, result);
-        return;
-    }
-    if (!outcome.answered) {
-        sendError(response, 504, QStringLiteral("Timeout"), QStringLiteral("No answer"),
-                  QStringLiteral("The action at %1 did not answer within %2 ms").arg(path).arg(waitMs));
-        return;
-    }
-    answer(outcome, waitMs, response);
+        answering);
 }
 
 void ControlApi::handleRows(const Request& request, Response& response)
@@ -629,69 +479,64 @@ void ControlApi::handleRows(const Request& request, Response& response)
     QString path;
     if (!pathParameter(request, response, &path))
         return;
-    const LoopOutcome outcome = runOnLoop(
-        [path](const CMReply<QVariant>& reply, int* status) {
-            CMNode* node = CMRoot()->findNode(path);
-            auto* list = qobject_cast<CMListRowsNode*>(node);
-            if (!list) {
-                *status = 404;
-                reply.setError(notFound(node ? QStringLiteral("%1 is a %2 node, not a list").arg(path, kindOf(node))
-                                        : CMRoot()->hasValue(path)
-                                        ? QStringLiteral("%1 is a value, not a list; read it with GET "
-                                                         "/api/v1/value?path=%1")
-                                              .arg(path)
-                                        : QStringLiteral("No list at %1").arg(path)));
-                return;
-            }
-            QVariantHash result;
-            result.insert(QStringLiteral("path"), path);
-            result.insert(QStringLiteral("title"), list->title().toString());
-            result.insert(QStringLiteral("loading"), list->isLoading());
-            result.insert(QStringLiteral("rows"), list->rows());
-            reply.setResult(result);
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+    serve(response, [path](const CMReply<QVariant>& reply, int* status) {
+        CMNode* node = CMRoot()->findNode(path);
+        auto* list = qobject_cast<CMListRowsNode*>(node);
+        if (!list) {
+            *status = 404;
+            reply.setError(!node && CMRoot()->hasValue(path)
+                               ? ApiResponse::notFound(QStringLiteral("%1 is a value, not a list; read it with GET "
+                                                                      "/api/v1/value?path=%1")
+                                                           .arg(path))
+                               : ApiResponse::notFoundAt(path, QStringLiteral("a list"), kindOf(node)));
+            return;
+        }
+        QVariantHash result;
+        result.insert(QStringLiteral("path"), path);
+        result.insert(QStringLiteral("title"), list->title().toString());
+        result.insert(QStringLiteral("loading"), list->isLoading());
+        result.insert(QStringLiteral("rows"), list->rows());
+        reply.setResult(result);
+    });
 }
 
 void ControlApi::handleTree(const Request&, Response& response)
 {
-    const LoopOutcome outcome = runOnLoop(
-        [](const CMReply<QVariant>& reply, int*) {
-            QList<CMNode*> nodes = CMRoot()->allNodes();
-            std::sort(nodes.begin(), nodes.end(), [](CMNode* a, CMNode* b) { return a->path() < b->path(); });
-            QVariantList nodeList;
-            for (CMNode* node : qAsConst(nodes)) {
-                QVariantHash entry;
-                entry.insert(QStringLiteral("path"), node->path().toString());
-                entry.insert(QStringLiteral("kind"), node->kind());
-                entry.insert(QStringLiteral("title"), titleOf(node));
-                if (auto* list = qobject_cast<CMListRowsNode*>(node)) {
-                    entry.insert(QStringLiteral("loading"), list->isLoading());
-                    entry.insert(QStringLiteral("rows"), list->rows());
-                }
-                nodeList.append(entry);
+    serve(response, [](const CMReply<QVariant>& reply, int*) {
+        QList<CMNode*> nodes = CMRoot()->allNodes();
+        std::sort(nodes.begin(), nodes.end(), [](CMNode* a, CMNode* b) { return a->path() < b->path(); });
+        QVariantList nodeList;
+        for (CMNode* node : qAsConst(nodes)) {
+            QVariantHash entry;
+            entry.insert(QStringLiteral("path"), node->path().toString());
+            entry.insert(QStringLiteral("kind"), node->kind());
+            entry.insert(QStringLiteral("title"), titleOf(node));
+            if (auto* list = qobject_cast<CMListRowsNode*>(node)) {
+                entry.insert(QStringLiteral("loading"), list->isLoading());
+                entry.insert(QStringLiteral("rows"), list->rows());
             }
-            QList<CMPath> paths = CMRoot()->valuePaths();
-            std::sort(paths.begin(), paths.end());
-            QVariantList values;
-            for (const CMPath& path : qAsConst(paths))
-                values.append(path.toString());
-            QVariantHash result;
-            result.insert(QStringLiteral("nodes"), nodeList);
-            result.insert(QStringLiteral("values"), values);
-            reply.setResult(result);
-        },
-        DefaultWaitMs);
-    answer(outcome, DefaultWaitMs, response);
+            nodeList.append(entry);
+        }
+        QList<CMPath> paths = CMRoot()->valuePaths();
+        std::sort(paths.begin(), paths.end());
+        QVariantList values;
+        for (const CMPath& path : qAsConst(paths))
+            values.append(path.toString());
+        QVariantHash result;
+        result.insert(QStringLiteral("nodes"), nodeList);
+        result.insert(QStringLiteral("values"), values);
+        reply.setResult(result);
+    });
 }
 
 void ControlApi::handleEvents(const Request&, Response& response)
 {
     std::shared_ptr<EventStream::Subscription> subscription = m_events->subscribe();
     if (!subscription) {
-        sendError(response, 503, QStringLiteral("Unavailable"), QStringLiteral("Too many event streams"),
-                  QStringLiteral("At most %1 event streams may be open at once").arg(EventStream::MaxSubscribers));
+        ApiResponse::sendError(response, 503,
+                               ApiResponse::error(QStringLiteral("Unavailable"), QStringLiteral("Too many event streams"),
+                                                  QStringLiteral("At most %1 event streams may be open at once")
+                                                      .arg(EventStream::MaxSubscribers)));
         return;
     }
     response.set_header("Cache-Control", "no-cache");
@@ -729,8 +574,9 @@ void ControlApi::handlePage(const Request& request, Response& response)
 {
     HostWebPage::File file;
     if (!HostWebPage::find(request.path, &file)) {
-        sendError(response, 404, QStringLiteral("NotFound"), QStringLiteral("Not found"),
-                  QStringLiteral("The web page has no file %1").arg(QString::fromStdString(request.path)));
+        ApiResponse::sendError(response, 404,
+                               ApiResponse::notFound(QStringLiteral("The web page has no file %1")
+                                                         .arg(QString::fromStdString(request.path))));
         return;
     }
     response.set_header("Content-Security-Policy", HostWebPage::contentSecurityPolicy());

@@ -12,7 +12,8 @@
 #include <QStringList>
 #include <QVariant>
 
-#include "CMError.h"
+#include "ApiRequestGuard.h"
+#include "ApiResponse.h"
 #include "CMReply.h"
 
 namespace httplib {
@@ -26,7 +27,8 @@ class EventStream;
 // The HTTP/JSON control API. The server runs in threads of its own; every
 // request that reads or changes the data model is handed to the event-loop
 // thread (this object's thread) and waited for with a bound, so nodes and
-// values are only ever touched there.
+// values are only ever touched there. Requests pass ApiRequestGuard's door
+// checks first; ApiResponse builds the answers and refusals.
 //   GET  /api/v1/host                      {"id","name","host","address","requestPort","version"}
 //   GET  /api/v1/value?path=P              {"path","value"}
 //   PUT  /api/v1/value?path=P   body V     {"path","value"}
@@ -77,22 +79,22 @@ private:
     // for refusals of its own (the reply's error then carries the message).
     using LoopWork = std::function<void(const CMReply<QVariant>& reply, int* status)>;
 
-    struct LoopOutcome
+    // How serve() waits for its work and answers with what it came to.
+    struct Answering
     {
-        bool answered = false;
-        int status = 200;
-        QVariant result;
-        CMError error;
+        int waitMs = DefaultWaitMs;
+        // The 504's message; empty: "No answer within N ms".
+        QString timeoutMessage;
+        // Sends {"result": R}: an action's result may be any JSON value.
+        bool wrapResult = false;
     };
 
-    LoopOutcome runOnLoop(const LoopWork& work, int waitMs);
-    void answer(const LoopOutcome& outcome, int waitMs, Response& response);
-    bool hostAllowed(const std::string& hostHeader) const;
-    // A browser names the page a request comes from in its Origin header;
-    // only this host's own page (same host and port as the request's Host)
-    // may use the API, so that a foreign page cannot make the device act.
-    static bool originAllowed(const std::string& originHeader, const std::string& hostHeader);
-    bool pathParameter(const Request& request, Response& response, QString* path);
+    // The skeleton of every request that reads or changes the data model:
+    // runs `work` on the event loop, waits for it within the bound and
+    // answers. The handlers read and check the request before.
+    void serve(Response& response, const LoopWork& work);
+    void serve(Response& response, const LoopWork& work, const Answering& answering);
+    ApiResponse::Outcome runOnLoop(const LoopWork& work, int waitMs);
 
     void handleHost(const Request& request, Response& response);
     void handleGetValue(const Request& request, Response& response);
@@ -116,7 +118,7 @@ private:
     std::unique_ptr<ControlServer> m_server;
     std::thread m_thread;
     EventStream* m_events;
-    QStringList m_allowedHosts;
+    ApiRequestGuard m_guard;
     quint16 m_port = 0;
     std::atomic<bool> m_stopping{false};
 };

@@ -589,6 +589,7 @@ private Q_SLOTS:
         QTest::newRow("foreign page on this host name") << "127.0.0.1:%1" << "http://evil.example:%1" << 403;
         QTest::newRow("another port of this host") << "127.0.0.1:%1" << "http://127.0.0.1:1" << 403;
         QTest::newRow("another name of this host") << "127.0.0.1:%1" << "http://localhost:%1" << 403;
+        QTest::newRow("https page of this host name") << "tarv-test.local" << "https://tarv-test.local" << 403;
         QTest::newRow("opaque") << "127.0.0.1:%1" << "null" << 403;
         QTest::newRow("local file") << "127.0.0.1:%1" << "file://" << 403;
         QTest::newRow("garbage") << "127.0.0.1:%1" << "http://[zz" << 403;
