@@ -139,23 +139,32 @@ private Q_SLOTS:
         QCOMPARE(TarvValue(CMRoot()->getValue(CMPath("/r/remote")).toHash()), i32(5));
     }
 
-    void setValueOnAnUndefinedPathFails()
+    // A module may write a path before anyone defined it (its first write
+    // defines it) and it is notified like any change.
+    void setValueOnAnUndefinedPathDefinesIt()
     {
+        QSignalSpy changes(CMRoot(), &CMRootWorker::valueChanged);
         const CMReply<QVariant> reply;
         CMRoot()->setValue(CMPath("/r/none"), i32(1), reply);
-        QVERIFY(reply.hasError());
-        QCOMPARE(reply.error().message(), QStringLiteral("No such path: /r/none"));
-        QVERIFY(!CMRoot()->hasValue(CMPath("/r/none")));
+        QVERIFY(reply.isFinished());
+        QVERIFY(!reply.hasError());
+        QVERIFY(CMRoot()->hasValue(CMPath("/r/none")));
+        QCOMPARE(TarvValue(CMRoot()->getValue(CMPath("/r/none")).toHash()), i32(1));
+        QCOMPARE(changes.count(), 1);
+        CMRoot()->undefineValue(CMPath("/r/none"));
     }
 
     void setValueOnANodeFails()
     {
         CMNodes nodes;
         CMListRowsNode::create(&nodes, CMPath("/r/node"));
+        LogCapture log;
         const CMReply<QVariant> reply;
         CMRoot()->setValue(CMPath("/r/node"), i32(1), reply);
         QVERIFY(reply.hasError());
         QCOMPARE(reply.error().message(), QStringLiteral("Not a value: /r/node"));
+        QCOMPARE(log.messages(log4cplus::WARN_LOG_LEVEL, QStringLiteral("CMRootWorker")),
+                 QStringList{QStringLiteral("Refused a value for /r/node: Not a value: /r/node")});
     }
 
     void validatorRefusesWithItsReasonAndChangesNothing()

@@ -69,9 +69,11 @@ private Q_SLOTS:
         QVERIFY(asWorker->setValue(CMPath("/w/value"), TarvValue().setI32_(2), reply).isFinished());
         QVERIFY(!reply.hasError());
         QCOMPARE(TarvValue(CMRoot()->getValue(CMPath("/w/value")).toHash()).i32_(), 2);
+        CMNodes nodes;
+        CMListRowsNode::create(&nodes, CMPath("/w/list"));
         const CMReply<QVariant> refused;
-        asWorker->setValue(CMPath("/w/missing"), TarvValue(), refused);
-        QCOMPARE(refused.error().message(), QStringLiteral("No such path: /w/missing"));
+        asWorker->setValue(CMPath("/w/list"), TarvValue(), refused);
+        QCOMPARE(refused.error().message(), QStringLiteral("Not a value: /w/list"));
     }
 
     void invokesThroughTheRoot()

@@ -439,9 +439,10 @@ void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError_data()
                                << "Received invalid command";
     QTest::newRow("command 2") << QByteArray(R"({"groupingRequest":{"command":2}})") << "valid command "
                                << "Received invalid command";
-    // The older form, the record itself as the value, is read the same way.
-    QTest::newRow("older form, command 2") << QByteArray(R"({"command":2})") << "valid command "
-                                           << "Received invalid command";
+    // The record itself as the value, without the union's key, holds no
+    // request: command 0.
+    QTest::newRow("bare record, command -1") << QByteArray(R"({"command":-1})") << "Invalid command "
+                                             << "Received invalid command";
 }
 
 void tst_LabGrouping::malformedRequestsAreRefusedWithTheirError()

@@ -264,10 +264,6 @@ void tst_tarvctl::invokeLeaveAnswersTrue()
     Run run = ctl({"invoke", "/grouping/request", R"({"groupingRequest": {"command": -1}})"}, m_host->api());
     CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
-    // The older form, the request record itself as the value, still works.
-    run = ctl({"invoke", "/grouping/request", R"({"command": -1})"}, m_host->api());
-    CTL_EXPECT(run, 0);
-    QCOMPARE(run.out, QString("true\n"));
     run = ctl({"leave", "--no-wait"}, m_host->api());
     CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
@@ -364,9 +360,9 @@ void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText_data()
     QTest::newRow("join without id") << R"({"groupingRequest":{"command":1,"master":{"name":"x"}}})"
                                      << "Missing grouping master id";
     QTest::newRow("union without record") << R"({"groupingRequest":"join"})" << "Invalid command ";
-    QTest::newRow("older form, command 2") << R"({"command":2})" << "valid command ";
-    QTest::newRow("older form, join without id") << R"({"command":1,"master":{"name":"x"}})"
-                                                 << "Missing grouping master id";
+    // The record itself, without the union's key, holds no request.
+    QTest::newRow("bare record, leave") << R"({"command":-1})" << "Invalid command ";
+    QTest::newRow("bare record, join without id") << R"({"command":1,"master":{"name":"x"}})" << "Invalid command ";
 }
 
 void tst_tarvctl::refusedInvokeExitsOneWithTheHandlersText()

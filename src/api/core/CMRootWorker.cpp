@@ -49,10 +49,14 @@ CMVoidReply CMRootWorker::setValue(const CMPath& path, const TarvValue& value, c
 void CMRootWorker::applySet(const CMPath& path, const QVariant& value, const CMReply<QVariant>& reply)
 {
     const QString refusal = storeValue(path, value);
-    if (refusal.isEmpty())
+    if (refusal.isEmpty()) {
         reply.setResult(value);
-    else
-        reply.setError(CMError(TrString(refusal)));
+        return;
+    }
+    // Modules often do not read the outcome of their writes; the refusal is
+    // logged so that it is not lost.
+    LOG4CPLUS_WARN(logger(), "Refused a value for " << path << ": " << refusal);
+    reply.setError(CMError(TrString(refusal)));
 }
 
 CMVoidReply CMRootWorker::invoke(const CMPath& path, const TarvHash& value, const CMReply<QVariant>& reply)
@@ -134,11 +138,10 @@ QString CMRootWorker::storeValue(const CMPath& path, const QVariant& value)
         defined = m_values.contains(path);
         validator = m_validators.value(path);
     }
-    if (!defined) {
-        if (findNode(path))
-            return QStringLiteral("Not a value: ") + path.toString();
-        return QStringLiteral("No such path: ") + path.toString();
-    }
+    // A path nobody defined becomes a value on its first write, as on the
+    // device's host; only a node's path is not one.
+    if (!defined && findNode(path))
+        return QStringLiteral("Not a value: ") + path.toString();
     if (validator) {
         const QString refusal = validator(value);
         if (!refusal.isEmpty())

@@ -16,11 +16,13 @@ class CMNodes;
 
 // The root worker: every path of this process is reached through it.
 //  - Values the host holds (own record, device state, settings, player
-//    data) are defined by the host with defineValue(); anyone reads them
-//    with getValue() from any thread, writes them with setValue() (stored
-//    at once on the root's thread, queued onto it from other threads), and
-//    follows them with connectValueChange(). Writing an equal value is no
-//    change and notifies nobody.
+//    data) are defined by the host with defineValue() (with a validator
+//    where it checks them); anyone reads them with getValue() from any
+//    thread, writes them with setValue() (stored at once on the root's
+//    thread, queued onto it from other threads), and follows them with
+//    connectValueChange(). Writing an equal value is no change and notifies
+//    nobody. Writing a path nobody defined defines it; a node's path is not
+//    a value and is refused. A refused setValue() is logged at WARN.
 //  - Nodes live in registries (CMNodes), all known here; invoke() delivers
 //    an activation to an action node through the node's event loop and may
 //    be called from any thread.

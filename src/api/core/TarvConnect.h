@@ -17,7 +17,9 @@ template <typename Signal>
 bool verifyConnectionSignalParameters(const QObject* sender, Signal signal, const QObject* receiver,
                                       Qt::ConnectionType type)
 {
-    const bool queued = type == Qt::QueuedConnection || type == Qt::BlockingQueuedConnection
+    // Only queued and automatic cross-thread connections are checked; a
+    // blocking-queued one is left to Qt.
+    const bool queued = type == Qt::QueuedConnection
         || (type == Qt::AutoConnection && sender && receiver && sender->thread() != receiver->thread());
     if (!queued)
         return true;

@@ -117,12 +117,7 @@ void SimpleGroupingObserver::on_groupingSave_activated(const CMSetDataRequest& r
     QSet<QString> members = idSet(group.members());
     LOG4CPLUS_TRACE(logger(), "Enter " << scope << ": " << group);
 
-    // A value that holds no saved group at all is a client's mistake; read
-    // as an empty group it would silently clear the one that is saved.
-    if (!value.contains(TarvValue::GroupingPersistentGroup())) {
-        refuse(request, QStringLiteral("Missing saved group in save request"));
-        return;
-    }
+    // A value without a saved group reads as an empty one: it clears.
     if (!loadingComplete()) {
         queueSaveRequest(request);
         return;
@@ -152,13 +147,9 @@ void SimpleGroupingObserver::on_groupingSave_activated(const CMSetDataRequest& r
 
     // A cleared group carries the time it was cleared too.
     group.setTimestamp(QDateTime::currentMSecsSinceEpoch());
-    const QString refusal = writeSavedGroup(group);
-    if (!refusal.isEmpty()) {
-        // The host keeps the old group; the client must not believe that the
-        // new one is saved.
-        refuse(request, refusal);
-        return;
-    }
+    // Answered once the write is issued; its outcome is the host's (a host
+    // that refuses the value logs why and keeps the old group).
+    writeSavedGroup(group);
     request.setResult(true);
 }
 
@@ -358,11 +349,8 @@ TarvGroupingPersistentGroup SimpleGroupingObserver::readSavedGroup()
     return TarvValue(CMRoot()->getValue(TarvGroupingPersistentGroupSettingsPath()).toHash()).groupingPersistentGroup();
 }
 
-QString SimpleGroupingObserver::writeSavedGroup(const TarvGroupingPersistentGroup& group)
+void SimpleGroupingObserver::writeSavedGroup(const TarvGroupingPersistentGroup& group)
 {
-    const CMReply<QVariant> reply;
-    CMRoot()->setValue(TarvGroupingPersistentGroupSettingsPath(), TarvValue().setGroupingPersistentGroup(group), reply);
-    // The host stores values of its own thread at once; a refusal from
-    // another thread's host would come later and is not waited for.
-    return reply.isFinished() && reply.hasError() ? reply.error().message() : QString();
+    CMRoot()->setValue(TarvGroupingPersistentGroupSettingsPath(), TarvValue().setGroupingPersistentGroup(group),
+                       CMReply<QVariant>());
 }

@@ -66,8 +66,8 @@ private:
     static void sendGroupingRequest(TarvGroupingRequestCommand::Enum command,
                                     const TarvSystemMember& master = TarvSystemMember());
     static TarvGroupingPersistentGroup readSavedGroup();
-    // Writes the saved group; returns the host's refusal, empty when stored.
-    static QString writeSavedGroup(const TarvGroupingPersistentGroup& group);
+    // Writes the saved group; the outcome is the host's and is not read.
+    static void writeSavedGroup(const TarvGroupingPersistentGroup& group);
     // Inserts / removes a group member id with its trace line; empty ids
     // and (on removal) the own id are left alone.
     void insertGroupMember(const QString& id);

@@ -132,13 +132,9 @@ void SimpleGroupingRequest::on_groupingRequest_activated(const CMSetDataRequest&
     LOG4CPLUS_DEBUG(logger(), "Received command: " << map);
 
     // The request is a value union holding the grouping request
-    // ({"groupingRequest": {"command": 1, "master": {...}}}), as the module's
-    // own writers send it. Clients written before that sent the record itself
-    // as the value ({"command": 1, ...}); a value without the union's key is
-    // still read that way so that they keep working.
-    const TarvValue value(map);
-    const TarvGroupingRequest groupingRequest =
-        value.contains(TarvValue::GroupingRequest()) ? value.groupingRequest() : TarvGroupingRequest(map);
+    // ({"groupingRequest": {"command": 1, "master": {...}}}). A value without
+    // that key holds no request: it reads as an empty one, command 0.
+    const TarvGroupingRequest groupingRequest = TarvValue(map).groupingRequest();
     // Read as a number: a client may send any, and an enum variable may hold
     // only the enum's own values.
     const int command = groupingRequest.hash().value(TarvGroupingRequest::Command()).toInt();

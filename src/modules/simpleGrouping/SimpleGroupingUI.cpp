@@ -54,6 +54,8 @@ bool passRequestGate(CMSetDataRequest& pending, const CMSetDataRequest& request)
         CMError error(TrString("Previous grouping request not finished, reject request."));
         error.setName(QStringLiteral("Simple Grouping")).setTitle(CMError::DefaultTitle());
         request.voidReply().setError(error);
+        // A refused request's text is logged at error level, as everywhere.
+        LOG4CPLUS_ERROR(logger(), "Previous grouping request not finished, reject request.");
         return false;
     }
     pending = request;
@@ -284,6 +286,7 @@ void SimpleGroupingUI::on_timeout()
     if (row.isEmpty()) {
         // Gone during the delay: the leave already written stands.
         pendingRequest.voidReply().setError(CMError(TrString(invalidDeviceText)));
+        LOG4CPLUS_ERROR(logger(), "Invalid device ID, reject request.");
         pendingRequest = CMSetDataRequest();
         return;
     }

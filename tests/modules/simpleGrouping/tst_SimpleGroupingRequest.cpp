@@ -391,45 +391,29 @@ private Q_SLOTS:
         QCOMPARE(signalCount(), 0);
     }
 
-    // Older clients send the request record itself as the value; it is read
-    // the same way, with the same answers and log lines.
-    void recordWithoutUnionStillAccepted_data()
+    // A value without the union's key holds no grouping request, whatever
+    // else it carries (a bare request record included): it is refused as
+    // command 0 and nothing is emitted.
+    void recordWithoutUnionRefusedAsCommandZero_data()
     {
         QTest::addColumn<TarvHash>("value");
-        QTest::addColumn<int>("joins");
-        QTest::addColumn<int>("leaves");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("join") << TarvHash(groupingRequestRecord(1, makeMember("T", "Tango", "tango.local"), true)) << 1 << 0
-                              << QString();
-        QTest::newRow("leave") << TarvHash(groupingRequestRecord(-1)) << 0 << 1 << QString();
-        QTest::newRow("join without master") << TarvHash(groupingRequestRecord(1)) << 0 << 0
-                                             << "Missing grouping master in request";
-        QTest::newRow("join with master without id")
-            << TarvHash(groupingRequestRecord(1, makeMember("", "Tango"), true)) << 0 << 0 << "Missing grouping master id";
-        QTest::newRow("command 2") << TarvHash(groupingRequestRecord(2)) << 0 << 0 << "valid command ";
+        QTest::newRow("join record") << TarvHash(groupingRequestRecord(1, makeMember("T", "Tango", "tango.local"), true));
+        QTest::newRow("leave record") << TarvHash(groupingRequestRecord(-1));
+        QTest::newRow("command 2 record") << TarvHash(groupingRequestRecord(2));
+        QTest::newRow("other key") << TarvHash(QVariantHash{{QStringLiteral("command"), 1}, {QStringLiteral("x"), 2}});
     }
 
-    void recordWithoutUnionStillAccepted()
+    void recordWithoutUnionRefusedAsCommandZero()
     {
         QFETCH(TarvHash, value);
-        QFETCH(int, joins);
-        QFETCH(int, leaves);
-        QFETCH(QString, error);
         createRequest(3000);
         const CMReply<QVariant> reply = invoke(value);
         QVERIFY(reply.isFinished());
-        QCOMPARE(m_joined->count(), joins);
-        QCOMPARE(m_left->count(), leaves);
+        QVERIFY(reply.hasError());
+        QCOMPARE(reply.error().message(), QStringLiteral("Invalid command "));
         QCOMPARE(m_log->count(DEBUG_LOG_LEVEL, "Received command: " + value.toJson(false), Request), 1);
-        if (error.isEmpty()) {
-            QVERIFY(!reply.hasError());
-            QCOMPARE(reply.result(), QVariant(true));
-            if (joins)
-                QCOMPARE(m_joined->at(0).at(0).value<TarvSystemMember>(), makeMember("T", "Tango", "tango.local"));
-        } else {
-            QVERIFY(reply.hasError());
-            QCOMPARE(reply.error().message(), error);
-        }
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, Request), QStringList{"Received invalid command" + value.toJson(false)});
+        QCOMPARE(signalCount(), 0);
     }
 
     void answeredTrueWithNobodyListening()

@@ -385,6 +385,7 @@ private Q_SLOTS:
         QCOMPARE(secondReply.error().title(), CMError::DefaultTitle());
         QCOMPARE(secondReply.result(), QVariant());
         QCOMPARE(traced("Reject request. Previous grouping request not finished yet."), 1);
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, UI), QStringList{Refusal});
 
         QTRY_VERIFY_WITH_TIMEOUT(firstWaiter.returned(), 2000);
         QVERIFY(!firstReply.hasError());
@@ -532,6 +533,7 @@ private Q_SLOTS:
         QCOMPARE(reply.error().title(), CMError::DefaultTitle());
         QCOMPARE(reply.error().message(), QStringLiteral("Invalid device ID, reject request."));
         QCOMPARE(reply.result(), QVariant());
+        QCOMPARE(m_log->messages(ERROR_LOG_LEVEL, UI), QStringList{"Invalid device ID, reject request."});
         flushWrites();
         QCOMPARE(written(), QList<TarvHash>{leaveRequest()});
         QCOMPARE(traced("Finish request and refresh TarvGroupingUIPath()"), 0);
