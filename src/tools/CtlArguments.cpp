@@ -26,7 +26,8 @@ const QList<OptionInfo>& optionInfos()
         {QStringLiteral("int"), true, {QStringLiteral("set")}},
         {QStringLiteral("name"), true, {QStringLiteral("join")}},
         {QStringLiteral("host"), true, {QStringLiteral("join")}},
-        {QStringLiteral("no-wait"), false, {QStringLiteral("join"), QStringLiteral("leave"), QStringLiteral("ui")}},
+        {QStringLiteral("no-wait"), false,
+         {QStringLiteral("join"), QStringLiteral("leave"), QStringLiteral("save"), QStringLiteral("ui")}},
     };
     return infos;
 }
@@ -72,7 +73,8 @@ QString CtlArguments::usage()
         "  leave                         make this device leave its group and wait until it follows\n"
         "                                nobody\n"
         "  save NAME [DEVICE...]         save the group NAME of this device and DEVICEs (ids or names from\n"
-        "                                /system/members); no DEVICE clears the saved group\n"
+        "                                /system/members) and wait until it is saved; no DEVICE clears\n"
+        "                                the saved group\n"
         "  group                         the saved group (members, time) and whom this device follows\n"
         "  rows PATH                     the rows of the list at PATH\n"
         "  tree                          every node with its kind, title and rows, and the value paths\n"
@@ -91,8 +93,8 @@ QString CtlArguments::usage()
         "  --timeout-ms N     invoke, join, leave, save, ui join, ui leave: the host's bound for the reply\n"
         "                     (default 5000); watch, ui --watch: stop after N ms; other commands: how\n"
         "                     long to wait for the answer (default 10000)\n"
-        "                     join, leave, ui join, ui leave: also how long to wait for the change\n"
-        "  --no-wait          join, leave, ui join, ui leave: print the host's answer at once, without\n"
+        "                     join, leave, save, ui join, ui leave: also how long to wait for the change\n"
+        "  --no-wait          join, leave, save, ui join, ui leave: print the host's answer at once, without\n"
         "                     waiting for the change\n"
         "  --count N          watch: stop after N events; ui --watch: after N lists\n"
         "  --verbose          log each request and answer on stderr\n"
@@ -236,7 +238,7 @@ bool CtlArguments::checkCommand()
         {QStringLiteral("join"), 1, 1, QStringLiteral("join NAME|ID [--name N] [--host H] [--no-wait]")},
         {QStringLiteral("leave"), 0, 0, QStringLiteral("leave")},
         // A saved group has at most 64 members.
-        {QStringLiteral("save"), 1, 65, QStringLiteral("save NAME [DEVICE...]")},
+        {QStringLiteral("save"), 1, 65, QStringLiteral("save NAME [DEVICE...] [--no-wait]")},
         {QStringLiteral("group"), 0, 0, QStringLiteral("group")},
         {QStringLiteral("rows"), 1, 1, QStringLiteral("rows PATH")},
         {QStringLiteral("tree"), 0, 0, QStringLiteral("tree")},

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QJsonArray>
+#include <QSet>
 
 #include "TarvEnums.h"
 #include "TarvJson.h"
@@ -51,6 +52,22 @@ bool ownMasterIs(const CtlEvent& event, const QString& ownId, const QString& mas
         return false;
     const TarvValue value(TarvJson::toVariant(row.value(QStringLiteral("value"))).toHash());
     return value.groupingMember().master().id() == masterId;
+}
+
+// True for a value event of the saved-group setting that holds a group
+// named `name` whose members are exactly `members` (in any order).
+bool savedGroupIs(const CtlEvent& event, const QString& name, const QSet<QString>& members)
+{
+    if (event.name != QLatin1String("value")
+        || CtlFormatter::eventPath(event) != TarvGroupingPersistentGroupSettingsPath().toString())
+        return false;
+    QJsonValue data;
+    if (!TarvJson::parseValue(event.data, &data, nullptr))
+        return false;
+    const TarvValue value(TarvJson::toVariant(data.toObject().value(QStringLiteral("value"))).toHash());
+    const TarvGroupingPersistentGroup group = value.groupingPersistentGroup();
+    const QStringList saved = group.members();
+    return group.name() == name && QSet<QString>(saved.begin(), saved.end()) == members;
 }
 
 QString nameOf(const TarvSystemMember& member)
@@ -270,6 +287,23 @@ CtlCommand::Expect CtlCommand::leaving()
     };
 }
 
+CtlCommand::Expect CtlCommand::saving(const QString& name, const QStringList& ids)
+{
+    return [name, ids](const QString& ownId, const TarvSystemMember&) {
+        // The module always lists the saving device; a save naming nobody
+        // else clears the saved group, name and all.
+        QSet<QString> members(ids.begin(), ids.end());
+        members.remove(ownId);
+        if (members.isEmpty()) {
+            return Expectation{[](const CtlEvent& event) { return savedGroupIs(event, QString(), {}); },
+                               QStringLiteral("cleared the saved group")};
+        }
+        members.insert(ownId);
+        return Expectation{[name, members](const CtlEvent& event) { return savedGroupIs(event, name, members); },
+                           QStringLiteral("saved ") + name};
+    };
+}
+
 bool CtlCommand::readOwnGrouping(QString* ownId, TarvSystemMember* master, CtlExitCode::Enum* exitCode)
 {
     const CtlReply host = m_client.host();
@@ -444,8 +478,14 @@ CtlExitCode::Enum CtlCommand::runSave()
     TarvGroupingPersistentGroup group;
     group.setName(arguments.at(0)).setMembers(ids);
     const QJsonObject value = toJsonObject(TarvValue().setGroupingPersistentGroup(group));
-    return finish(m_client.invoke(TarvGroupingPersistentGroupSavePath().toString(), value, m_arguments.timeoutMs()),
-                  [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
+    // The module answers a save once it is written; whether the host kept
+    // it shows only in the setting, so that is what is waited for.
+    return requestChange(
+        [this, value]() {
+            return m_client.invoke(TarvGroupingPersistentGroupSavePath().toString(), value, m_arguments.timeoutMs());
+        },
+        saving(arguments.at(0), ids),
+        [](const QJsonObject& answer) { return CtlFormatter::value(answer.value(QStringLiteral("result"))); });
 }
 
 CtlExitCode::Enum CtlCommand::runGroup()

@@ -98,6 +98,10 @@ private:
     // A leave: the own row comes to name the device itself ("left NAME" of
     // the master it followed).
     static Expect leaving();
+    // A save: this device's saved group comes to be `name` with `ids` and
+    // the device itself ("saved NAME"), or, when `ids` names nobody else,
+    // comes to be cleared ("cleared the saved group").
+    static Expect saving(const QString& name, const QStringList& ids);
 
     QTextStream& m_out;
     QTextStream& m_err;

@@ -68,6 +68,7 @@ private Q_SLOTS:
     void reSavingWithoutAMemberMakesItLeave();
     void aSaveOnAReceiverLeavesFirstThenSaves();
     void refusedSavesReachTheClientWithTheirText();
+    void tarvctlSaveWaitsUntilTheGroupIsSaved();
     void playerStateOneHoldsBackTheSearchAndZeroReleasesIt();
     void aKilledMasterIsLeftNotRejoinedAndRegroupsWhenBack();
 
@@ -316,6 +317,30 @@ void tst_LabSavedGroups::aSaveOnAReceiverLeavesFirstThenSaves()
     QVERIFY(waitForRows(1, ids({1}), kDeliveryMs * 2) >= 0);
     // ...and its new group comes to it.
     QVERIFY(waitForRows(2, ids({2, 3}), kDiscoveryMs + 2000) >= 0);
+}
+
+// tarvctl's save names the devices by name and returns once the device
+// keeps the group: the module answers a save as soon as it is written, so
+// only the setting shows that it was kept.
+void tst_LabSavedGroups::tarvctlSaveWaitsUntilTheGroupIsSaved()
+{
+    QString output;
+    QCOMPARE(m_lab->run({QStringLiteral("exec"), QStringLiteral("dev1"), QStringLiteral("tarvctl"), QStringLiteral("save"),
+                         QStringLiteral("Home"), QStringLiteral("dev2")},
+                        &output),
+             0);
+    QVERIFY2(output.trimmed().endsWith(QStringLiteral("saved Home")), qPrintable(output));
+    // Already kept when tarvctl returned.
+    const QJsonObject saved = api(1).savedGroup();
+    QCOMPARE(saved.value(QStringLiteral("name")).toString(), QStringLiteral("Home"));
+    QCOMPARE(groupMembers(saved), ids({1, 2}));
+
+    QCOMPARE(m_lab->run({QStringLiteral("exec"), QStringLiteral("dev1"), QStringLiteral("tarvctl"), QStringLiteral("save"),
+                         QStringLiteral("Home")},
+                        &output),
+             0);
+    QVERIFY2(output.trimmed().endsWith(QStringLiteral("cleared the saved group")), qPrintable(output));
+    QCOMPARE(api(1).savedGroup().value(QStringLiteral("members")).toArray(), QJsonArray());
 }
 
 void tst_LabSavedGroups::refusedSavesReachTheClientWithTheirText()

@@ -117,7 +117,7 @@ void tst_CtlArguments::usageErrorsSayWhatIsWrong_data()
                                    << "ui join: --watch is only for the list itself; usage: tarvctl ui [--watch] | ui "
                                       "join NAME|ID | ui leave";
     QTest::newRow("no-wait elsewhere") << QStringList{"rows", "/a", "--no-wait"}
-                                       << "option --no-wait is only for join, leave, ui, not for rows";
+                                       << "option --no-wait is only for join, leave, save, ui, not for rows";
     QTest::newRow("ui list no-wait") << QStringList{"ui", "--no-wait"}
                                      << "ui: --no-wait is only for ui join and ui leave; usage: tarvctl ui [--watch] | "
                                         "ui join NAME|ID | ui leave";

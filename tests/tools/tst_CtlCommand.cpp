@@ -69,6 +69,14 @@ QByteArray ownRowEvent(const char* follower, const char* master)
         + "\"},\"master\":{\"id\":\"" + master + "\"}}}},\"old\":{}}\n\n";
 }
 
+// A value event of the saved-group setting.
+QByteArray savedGroupEvent(const char* name, const char* membersJson)
+{
+    return QByteArray("event: value\ndata: {\"path\":\"/settings/grouping/persistentGroup\",\"value\":"
+                      "{\"groupingPersistentGroup\":{\"name\":\"")
+        + name + "\",\"members\":" + membersJson + ",\"timestamp\":1700000000000}}}\n\n";
+}
+
 const QByteArray completionReply =
     R"({"result":{"xclass":"TarvActionReply","result":{"path":"/ui/grouping"},"events":[{"path":"/ui/grouping","rowsType":1}]}})";
 
@@ -121,6 +129,9 @@ private Q_SLOTS:
     void saveOfADeviceItCannotNameSendsNothing_data();
     void saveOfADeviceItCannotNameSendsNothing();
     void saveRefusedPrintsTheHostsError();
+    void saveWaitsUntilTheSettingHoldsTheGroup_data();
+    void saveWaitsUntilTheSettingHoldsTheGroup();
+    void saveTheDeviceDidNotKeepIsNoChange();
     void rowsPrintsATable();
     void treePrintsNodesAndValues();
     void watchPrintsEventsUnderThePrefixUpToTheCount();
@@ -645,7 +656,7 @@ void tst_CtlCommand::saveNamesDevicesByIdOrNameAndSendsTheSavedGroup()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"save", "Home", "dev2", "a", "--timeout-ms", "900"}, server.api());
+    const Run result = run({"save", "Home", "dev2", "a", "--timeout-ms", "900", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
     const QList<CannedServer::Received> received = server.received();
@@ -661,7 +672,7 @@ void tst_CtlCommand::saveWithoutDevicesClearsAndAsksNothingElse()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"save", ""}, server.api());
+    const Run result = run({"save", "", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
@@ -702,9 +713,63 @@ void tst_CtlCommand::saveRefusedPrintsTheHostsError()
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
     server.answer("POST", "/api/v1/invoke", 422,
                   R"({"error":{"name":"Error","title":"Error","message":"Missing name in save request"}})");
-    const Run result = run({"save", "", "dev2"}, server.api());
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.stream("/api/v1/events", {": tarv-host events\n\n"}, true);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const Run result = run({"save", "", "dev2", "--timeout-ms", "5000"}, server.api());
+    QVERIFY2(elapsed.elapsed() < 3000, qPrintable(QString::number(elapsed.elapsed())));
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Missing name in save request\n"));
+}
+
+// The save is answered once written; the run ends when the setting holds
+// the group (its name, the named devices and this one), ignoring other
+// values of the setting on the way.
+void tst_CtlCommand::saveWaitsUntilTheSettingHoldsTheGroup_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("event");
+    QTest::addColumn<QString>("printed");
+    QTest::newRow("a group") << QStringList{"save", "Home", "dev2"} << savedGroupEvent("Home", R"(["b","me"])")
+                             << "saved Home\n";
+    QTest::newRow("nobody clears") << QStringList{"save", "Home"} << savedGroupEvent("", "[]")
+                                   << "cleared the saved group\n";
+}
+
+void tst_CtlCommand::saveWaitsUntilTheSettingHoldsTheGroup()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, event);
+    QFETCH(QString, printed);
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    server.stream("/api/v1/events",
+                  {": tarv-host events\n\n", savedGroupEvent("Home", R"(["me"])"), savedGroupEvent("Other", R"(["b","me"])"),
+                   event},
+                  true);
+    const Run result = run(arguments + QStringList{"--timeout-ms", "3000"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, printed);
+}
+
+void tst_CtlCommand::saveTheDeviceDidNotKeepIsNoChange()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    server.stream("/api/v1/events", {": tarv-host events\n\n", savedGroupEvent("Home", R"(["me"])")}, true);
+    const Run result = run({"save", "Home", "dev2", "--timeout-ms", "500"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
 }
 
 void tst_CtlCommand::rowsPrintsATable()

@@ -383,6 +383,10 @@ void tst_tarvctl::saveAndGroupAgainstTheHost()
     // Only this device, by its name: the saved group is cleared.
     Run run = ctl({"save", "Solo", "dev1"}, m_host->api());
     CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("cleared the saved group\n"));
+    // Without waiting, the module's answer.
+    run = ctl({"save", "Solo", "--no-wait"}, m_host->api());
+    CTL_EXPECT(run, 0);
     QCOMPARE(run.out, QString("true\n"));
     run = ctl({"group"}, m_host->api());
     CTL_EXPECT(run, 0);
@@ -417,6 +421,7 @@ void tst_tarvctl::saveAndGroupAgainstTheHost()
     // No device at all clears it.
     run = ctl({"save", "Home"}, m_host->api());
     CTL_EXPECT(run, 0);
+    QCOMPARE(run.out, QString("cleared the saved group\n"));
     run = ctl({"group"}, m_host->api());
     QVERIFY2(run.out.startsWith("saved group: none (cleared "), qPrintable(run.out));
 }
