@@ -69,6 +69,16 @@ QByteArray ownRowEvent(const char* follower, const char* master)
         + "\"},\"master\":{\"id\":\"" + master + "\"}}}},\"old\":{}}\n\n";
 }
 
+// The answers of device "me" (dev3), which follows a, to the reads a
+// waiting command makes, and a request that is taken.
+void answerAsDevice3FollowingA(CannedServer& server)
+{
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+}
+
 // A value event of the saved-group setting.
 QByteArray savedGroupEvent(const char* name, const char* membersJson)
 {
@@ -310,10 +320,7 @@ void tst_CtlCommand::joinByNameOrIdWaitsUntilItsOwnRowNamesTheMaster()
 {
     QFETCH(QString, target);
     CannedServer server;
-    server.answer("GET", "/api/v1/host", 200, meHost);
-    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
-    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
-    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    answerAsDevice3FollowingA(server);
     // First the own row back to itself (the module leaves first), another
     // device's row naming b, then the own row naming b.
     server.stream("/api/v1/events",
@@ -349,10 +356,7 @@ void tst_CtlCommand::joinOfANameTwoDevicesHaveSendsNothing()
 void tst_CtlCommand::joinWithoutTheChangeSaysTheDeviceRefused()
 {
     CannedServer server;
-    server.answer("GET", "/api/v1/host", 200, meHost);
-    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
-    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
-    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    answerAsDevice3FollowingA(server);
     server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "a")}, true);
     QElapsedTimer elapsed;
     elapsed.start();
@@ -744,10 +748,7 @@ void tst_CtlCommand::saveWaitsUntilTheSettingHoldsTheGroup()
     QFETCH(QByteArray, event);
     QFETCH(QString, printed);
     CannedServer server;
-    server.answer("GET", "/api/v1/host", 200, meHost);
-    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
-    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
-    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    answerAsDevice3FollowingA(server);
     server.stream("/api/v1/events",
                   {": tarv-host events\n\n", savedGroupEvent("Home", R"(["me"])"), savedGroupEvent("Other", R"(["b","me"])"),
                    event},
@@ -761,10 +762,7 @@ void tst_CtlCommand::saveWaitsUntilTheSettingHoldsTheGroup()
 void tst_CtlCommand::saveTheDeviceDidNotKeepIsNoChange()
 {
     CannedServer server;
-    server.answer("GET", "/api/v1/host", 200, meHost);
-    server.answer("GET", "/api/v1/rows?path=/system/members", 200, systemMembers);
-    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
-    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    answerAsDevice3FollowingA(server);
     server.stream("/api/v1/events", {": tarv-host events\n\n", savedGroupEvent("Home", R"(["me"])")}, true);
     const Run result = run({"save", "Home", "dev2", "--timeout-ms", "500"}, server.api());
     QCOMPARE(result.exitCode, 1);
