@@ -105,7 +105,7 @@ QString CtlArguments::usage()
         "Exit codes:\n"
         "  0  success\n"
         "  1  the host refused the request (its error is printed) or answered with something unusable;\n"
-        "     join, leave: the device did not change within --timeout-ms\n"
+        "     join, leave, save, ui join, ui leave: the device did not change within --timeout-ms\n"
         "  2  usage error: unknown command or option, missing argument, bad JSON value\n"
         "  3  cannot connect to the host (or the connection broke)\n"
         "  4  timeout: no answer, no reply within the bound, or fewer events than --count\n"
