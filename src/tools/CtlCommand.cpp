@@ -38,16 +38,27 @@ QJsonObject toJsonObject(const TarvHash& record)
     return TarvJson::fromVariant(record.toVariant()).toObject();
 }
 
+// The data of an event called `name` about `path`, parsed once; false for
+// any other event.
+bool eventAbout(const CtlEvent& event, const char* name, const CMPath& path, QJsonObject* data)
+{
+    if (event.name != QLatin1String(name))
+        return false;
+    QJsonValue parsed;
+    if (!TarvJson::parseValue(event.data, &parsed, nullptr))
+        return false;
+    *data = parsed.toObject();
+    return data->value(QStringLiteral("path")).toString() == path.toString();
+}
+
 // True for a rows event of /grouping/members whose new row is `ownId`'s
 // and names `masterId` as its master.
 bool ownMasterIs(const CtlEvent& event, const QString& ownId, const QString& masterId)
 {
-    if (event.name != QLatin1String("rows") || CtlFormatter::eventPath(event) != TarvGroupingMembersPath().toString())
+    QJsonObject data;
+    if (!eventAbout(event, "rows", TarvGroupingMembersPath(), &data))
         return false;
-    QJsonValue data;
-    if (!TarvJson::parseValue(event.data, &data, nullptr))
-        return false;
-    const QJsonObject row = data.toObject().value(QStringLiteral("new")).toObject();
+    const QJsonObject row = data.value(QStringLiteral("new")).toObject();
     if (row.value(QStringLiteral("id")).toString() != ownId)
         return false;
     const TarvValue value(TarvJson::toVariant(row.value(QStringLiteral("value"))).toHash());
@@ -58,13 +69,10 @@ bool ownMasterIs(const CtlEvent& event, const QString& ownId, const QString& mas
 // named `name` whose members are exactly `members` (in any order).
 bool savedGroupIs(const CtlEvent& event, const QString& name, const QSet<QString>& members)
 {
-    if (event.name != QLatin1String("value")
-        || CtlFormatter::eventPath(event) != TarvGroupingPersistentGroupSettingsPath().toString())
+    QJsonObject data;
+    if (!eventAbout(event, "value", TarvGroupingPersistentGroupSettingsPath(), &data))
         return false;
-    QJsonValue data;
-    if (!TarvJson::parseValue(event.data, &data, nullptr))
-        return false;
-    const TarvValue value(TarvJson::toVariant(data.toObject().value(QStringLiteral("value"))).toHash());
+    const TarvValue value(TarvJson::toVariant(data.value(QStringLiteral("value"))).toHash());
     const TarvGroupingPersistentGroup group = value.groupingPersistentGroup();
     const QStringList saved = group.members();
     return group.name() == name && QSet<QString>(saved.begin(), saved.end()) == members;
@@ -726,7 +734,8 @@ CtlExitCode::Enum CtlCommand::runUiWatch()
         return wanted < 0 || shown < wanted;
     };
     const auto onEvent = [&](const CtlEvent& event) {
-        if (event.name != QLatin1String("rows") || CtlFormatter::eventPath(event) != TarvGroupingUIPath().toString())
+        QJsonObject data;
+        if (!eventAbout(event, "rows", TarvGroupingUIPath(), &data))
             return true;
         return draw();
     };
