@@ -33,6 +33,10 @@ TarvHash parseBody(const QByteArray& body)
 } // namespace
 
 SimpleGroupingSocket::SimpleGroupingSocket()
+    // Every datagram is read into one buffer that fits the largest: asking
+    // for each one's size first would cost a system call per datagram, a
+    // third of what a flood of garbage costs to read.
+    : m_buffer(MaxDatagramBytes, Qt::Uninitialized)
 {
     const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingSocket");
     LOG4CPLUS_TRACE(logger(), "Enter " << scope);
@@ -55,11 +59,6 @@ void SimpleGroupingSocket::on_readyRead()
     const DbgLogScopedFunction scope = dbglog_scopedFunction(Q_FUNC_INFO, "SimpleGroupingSocket");
     LOG4CPLUS_TRACE(logger(), "Enter " << scope);
 
-    // Every datagram is read into one buffer that fits the largest: asking
-    // for each one's size first would cost a system call per datagram, a
-    // third of what a flood of garbage costs to read.
-    if (m_buffer.size() != MaxDatagramBytes)
-        m_buffer.resize(MaxDatagramBytes);
     while (m_socket.hasPendingDatagrams()) {
         QHostAddress sender;
         const qint64 read = m_socket.readDatagram(m_buffer.data(), m_buffer.size(), &sender);
