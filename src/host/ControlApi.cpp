@@ -210,6 +210,10 @@ bool ControlApi::start(QString* error)
     server.set_error_handler(httplib::Server::HandlerWithResponse([](const Request& request, Response& response) {
         if (!response.body.empty())
             return httplib::Server::HandlerResponse::Unhandled;
+        if (response.status == 404 && DeviceForwarder::isDevicePath(request.path)) {
+            ApiResponse::sendError(response, 404, DeviceForwarder::notForwarded(request.method, request.path));
+            return httplib::Server::HandlerResponse::Handled;
+        }
         ApiResponse::sendError(response, response.status,
                                ApiResponse::serverRefusal(response.status, request.method, request.path, MaxBodyBytes));
         return httplib::Server::HandlerResponse::Handled;

@@ -366,6 +366,19 @@ CMError DeviceForwarder::tooManyForwards()
                                   .arg(MaxForwardsPerDevice));
 }
 
+bool DeviceForwarder::isDevicePath(const std::string& path)
+{
+    const std::string devices = "/api/v1/devices";
+    return path.compare(0, devices.size(), devices) == 0 && (path.size() == devices.size() || path[devices.size()] == '/');
+}
+
+CMError DeviceForwarder::notForwarded(const std::string& method, const std::string& path)
+{
+    return ApiResponse::notFound(QStringLiteral("No such endpoint: %1. Another device's host answers through "
+                                                "/api/v1/devices/ID/host, value, invoke and rows only")
+                                     .arg(QString::fromStdString(method + " " + path)));
+}
+
 DeviceForwarder::Slot::Slot(DeviceForwarder* forwarder, const QString& id)
     : m_forwarder(forwarder), m_id(id)
 {

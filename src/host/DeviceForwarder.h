@@ -106,6 +106,9 @@ public:
     static CMError noAnswer(const QString& name, int boundMs);
     static CMError forwardingLoop(const QString& forwardedBy);
     static CMError tooManyForwards();
+    // The 404 for anything else under /api/v1/devices (events, tree, ...).
+    static bool isDevicePath(const std::string& path);
+    static CMError notForwarded(const std::string& method, const std::string& path);
 
 private:
     // One forward in flight, counted in total and for its device; released

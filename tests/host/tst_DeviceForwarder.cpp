@@ -649,13 +649,26 @@ private Q_SLOTS:
     {
         QFETCH(QString, method);
         QFETCH(QString, target);
+        // As the server decoded it.
+        const QString expectedPath = QUrl::fromPercentEncoding(target.toUtf8());
         FakeDevice fake;
         addDevice(QStringLiteral("dev-f"), QStringLiteral("Fake"), apiAt(fake.port()));
         const Answer answer = call(method.toStdString(), target.toStdString());
         removeDevice(QStringLiteral("dev-f"));
         QCOMPARE(answer.status, 404);
         QCOMPARE(answer.name(), QStringLiteral("NotFound"));
+        QCOMPARE(answer.message(), QStringLiteral("No such endpoint: %1 %2. Another device's host answers through "
+                                                  "/api/v1/devices/ID/host, value, invoke and rows only")
+                                       .arg(method, expectedPath));
         QCOMPARE(fake.count(), 0);
+    }
+
+    void aPathThatOnlyStartsLikeDevicesKeepsTheGeneralNotFound()
+    {
+        const Answer answer = call("GET", "/api/v1/devicesx/dev-f/host");
+        QCOMPARE(answer.status, 404);
+        QCOMPARE(answer.message(), QStringLiteral("No such endpoint: GET /api/v1/devicesx/dev-f/host. The API is "
+                                                  "/api/v1/host, value, invoke, rows, tree and events"));
     }
 
     void wrongMethodsAreRefusedWith405_data()
@@ -707,6 +720,18 @@ private Q_SLOTS:
         removeDevice(QStringLiteral("dev-f"));
         QCOMPARE(answer.status, 403);
         QCOMPARE(answer.name(), QStringLiteral("Forbidden"));
+        QCOMPARE(fake.count(), 0);
+    }
+
+    void aBodyOverTheLimitIsNotForwarded()
+    {
+        FakeDevice fake;
+        addDevice(QStringLiteral("dev-f"), QStringLiteral("Fake"), apiAt(fake.port()));
+        const std::string big = "{\"string_\": \"" + std::string(ControlApi::MaxBodyBytes, 'x') + "\"}";
+        const Answer answer = call("PUT", "/api/v1/devices/dev-f/value?path=/settings/device/name", big);
+        removeDevice(QStringLiteral("dev-f"));
+        QCOMPARE(answer.status, 413);
+        QCOMPARE(answer.message(), QStringLiteral("The request body is larger than 65536 bytes"));
         QCOMPARE(fake.count(), 0);
     }
 
