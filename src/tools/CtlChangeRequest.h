@@ -18,12 +18,20 @@ class CtlChangeRequest
 {
 public:
     // What a request asking the device for a change should bring: the
-    // event that shows it, and the line printed when it came.
+    // event that shows it, and the line printed when it came. A device
+    // reached through another host sends no events; then `read` is read
+    // again and again, and the change has come when the `part` of its
+    // answer differs from before the request and `holds`.
     struct Expectation
     {
         std::function<bool(const CtlEvent&)> arrived;
+        std::function<CtlReply(CtlClient&)> read;
+        std::function<QJsonValue(const QJsonObject&)> part;
+        std::function<bool(const QJsonValue&)> holds;
         QString done;
     };
+    // How often a device reached through another host is read while waiting.
+    static int pollIntervalMs() { return 100; }
     // Given this device's id and the master it follows now (empty when its
     // own row names none), what to wait for.
     using Expect = std::function<Expectation(const QString& ownId, const TarvSystemMember& master)>;
@@ -31,10 +39,11 @@ public:
     explicit CtlChangeRequest(CtlContext& context);
 
     // Runs `act`. With --no-wait its answer is printed at once through
-    // `readable`. Otherwise the host's events are followed, up to
-    // --timeout-ms, until the expected change shows: then its `done` line
-    // is printed (the answer's JSON with --json); without it the run ends
-    // with "no change: the device refused (see its log)" (exit 1).
+    // `readable`. Otherwise the host's events are followed (with --device:
+    // the device is read every pollIntervalMs()), up to --timeout-ms, until
+    // the expected change shows: then its `done` line is printed (the
+    // answer's JSON with --json); without it the run ends with "no change:
+    // the device refused (see its log)" (exit 1).
     CtlExitCode::Enum run(const std::function<CtlReply()>& act, const Expect& expect,
                           const std::function<QString(const QJsonObject&)>& readable);
 
@@ -53,6 +62,9 @@ public:
     static QString nameOf(const TarvSystemMember& member);
 
 private:
+    // The wait by reading, for a device the host forwards to.
+    CtlExitCode::Enum pollFor(const std::function<CtlReply()>& act, const Expectation& expected, int waitMs);
+    CtlExitCode::Enum noChange(int waitMs);
     // This device's id, and the master its own row of /grouping/members
     // names. False when the host could not tell; the failure is printed and
     // its exit code put in `exitCode`.

@@ -3,6 +3,8 @@
 #include "TarvLog.h"
 
 #include "CtlGroupingCommands.h"
+#include "CtlHouse.h"
+#include "CtlHouseCommand.h"
 #include "CtlUiCommands.h"
 #include "CtlValueCommands.h"
 #include "CtlWatchCommand.h"
@@ -30,17 +32,19 @@ QString CtlCommand::version()
     return QStringLiteral(TARVCTL_VERSION);
 }
 
-bool CtlCommand::parse(const QStringList& arguments, const QString& apiFromEnvironment)
+bool CtlCommand::parse(const QStringList& arguments, const QString& apiFromEnvironment,
+                       const QString& deviceFromEnvironment)
 {
-    m_parsed = m_arguments.parse(arguments, apiFromEnvironment);
+    m_parsed = m_arguments.parse(arguments, apiFromEnvironment, deviceFromEnvironment);
     if (!m_parsed)
         m_context.usageError(m_arguments.error());
     return m_parsed;
 }
 
-CtlExitCode::Enum CtlCommand::run(const QStringList& arguments, const QString& apiFromEnvironment)
+CtlExitCode::Enum CtlCommand::run(const QStringList& arguments, const QString& apiFromEnvironment,
+                                   const QString& deviceFromEnvironment)
 {
-    if (!parse(arguments, apiFromEnvironment))
+    if (!parse(arguments, apiFromEnvironment, deviceFromEnvironment))
         return CtlExitCode::Usage;
     return execute();
 }
@@ -76,6 +80,10 @@ CtlExitCode::Enum CtlCommand::execute()
     if (m_arguments.timeoutMs() > 0 && !invokes && !watches)
         m_client.setTimeoutMs(m_arguments.timeoutMs());
 
+    CtlExitCode::Enum code = CtlExitCode::Ok;
+    if (!m_arguments.device().isEmpty() && !aimAtDevice(&code))
+        return code;
+
     CtlValueCommands values(m_context);
     CtlGroupingCommands grouping(m_context);
     if (command == QLatin1String("host"))
@@ -96,6 +104,8 @@ CtlExitCode::Enum CtlCommand::execute()
         return grouping.runSave();
     if (command == QLatin1String("group"))
         return grouping.runGroup();
+    if (command == QLatin1String("house"))
+        return CtlHouseCommand(m_context).run();
     if (command == QLatin1String("rows"))
         return values.runRows();
     if (command == QLatin1String("tree"))
@@ -105,4 +115,49 @@ CtlExitCode::Enum CtlCommand::execute()
     if (isUi)
         return CtlUiCommands(m_context).run();
     return m_context.usageError(QStringLiteral("unknown command '%1'").arg(command));
+}
+
+bool CtlCommand::aimAtDevice(CtlExitCode::Enum* exitCode)
+{
+    const QString& wanted = m_arguments.device();
+    const CtlReply host = m_client.host();
+    if (!host.isOk()) {
+        *exitCode = m_context.fail(host);
+        return false;
+    }
+    const QString ownId = host.body().value(QStringLiteral("id")).toString();
+    if (!ownId.isEmpty() && wanted == ownId) {
+        LOG4CPLUS_DEBUG(logger(), "Device " << wanted << " is the host itself");
+        return true;
+    }
+    const CtlReply rows = m_client.rows(CtlHouse::path());
+    if (!rows.isOk()) {
+        *exitCode = m_context.fail(rows);
+        return false;
+    }
+    QString id;
+    QStringList candidates;
+    switch (CtlHouse::fromRows(rows.body()).find(wanted, &id, &candidates)) {
+    case CtlHouse::Found:
+        break;
+    case CtlHouse::Unknown:
+        *exitCode = m_context.apiError(
+            QStringLiteral("%1: no device with the id or name '%2' in %3; known: %4")
+                .arg(m_arguments.deviceSource(), wanted, CtlHouse::path(),
+                     candidates.isEmpty() ? QStringLiteral("none") : candidates.join(QStringLiteral(", "))));
+        return false;
+    case CtlHouse::Ambiguous:
+        *exitCode = m_context.apiError(QStringLiteral("%1: %2 devices are named '%3'; give the id: %4")
+                                           .arg(m_arguments.deviceSource())
+                                           .arg(candidates.size())
+                                           .arg(wanted, candidates.join(QStringLiteral(", "))));
+        return false;
+    }
+    if (id == ownId) {
+        LOG4CPLUS_DEBUG(logger(), "Device " << wanted << " is the host itself");
+        return true;
+    }
+    LOG4CPLUS_DEBUG(logger(), "Aiming at device " << id << " through " << m_client.api());
+    m_client.setDevice(id);
+    return true;
 }

@@ -33,7 +33,14 @@ CtlExitCode::Enum CtlGroupingCommands::runStatus()
     const CtlReply grouping = m_context.client().rows(TarvGroupingMembersPath().toString());
     if (!grouping.isOk())
         return m_context.fail(grouping);
-    const QJsonObject status = CtlFormatter::statusOf(host.body(), members.body(), grouping.body());
+    // The device's record lists its saved group's members only; the name
+    // is in the setting.
+    const CtlReply saved = m_context.client().value(TarvGroupingPersistentGroupSettingsPath().toString());
+    if (!saved.isOk())
+        return m_context.fail(saved);
+    QJsonObject status = CtlFormatter::statusOf(host.body(), members.body(), grouping.body());
+    const TarvValue savedValue(TarvJson::toVariant(saved.body().value(QStringLiteral("value"))).toHash());
+    status.insert(QStringLiteral("savedGroupName"), savedValue.groupingPersistentGroup().name());
     m_context.out() << (m_context.arguments().json() ? TarvJson::toText(status, true) : CtlFormatter::printable(CtlFormatter::status(status)))
           << '\n';
     m_context.out().flush();
