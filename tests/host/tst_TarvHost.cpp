@@ -345,8 +345,9 @@ private Q_SLOTS:
         a->setDiscoveryPort(discoveryPort);
         b->setDiscoveryPort(discoveryPort);
         QString error;
-        QVERIFY2(a->start({"--discovery-ms", "100", "--name", "A", "--api", "127.0.0.1:0"}, &error), qPrintable(error));
-        QVERIFY2(b->start({"--discovery-ms", "100", "--name", "B", "--api", "0.0.0.0:0"}, &error), qPrintable(error));
+        b->setApiListen(QStringLiteral("0.0.0.0:0"));
+        QVERIFY2(a->start({"--discovery-ms", "100", "--name", "A"}, &error), qPrintable(error));
+        QVERIFY2(b->start({"--discovery-ms", "100", "--name", "B"}, &error), qPrintable(error));
         const auto houseRow = [](const HostProcess& host, const QString& id) {
             for (const QJsonValue& row : get(host, "/api/v1/rows?path=/system/house").value("rows").toArray()) {
                 if (row.toObject().value("id").toString() == id)
