@@ -132,8 +132,11 @@ Discovery::Discovery(CMListRowsNode* members, const Options& options, QObject* p
     m_periodTimer.setTimerType(Qt::PreciseTimer);
     m_expiryTimer.setTimerType(Qt::PreciseTimer);
     m_expiryTimer.setSingleShot(true);
+    m_announceTimer.setSingleShot(true);
+    m_announceTimer.setInterval(0);
     tarvConnect(&m_periodTimer, &QTimer::timeout, this, &Discovery::on_periodTimer_timeout);
     tarvConnect(&m_expiryTimer, &QTimer::timeout, this, &Discovery::on_expiryTimer_timeout);
+    tarvConnect(&m_announceTimer, &QTimer::timeout, this, &Discovery::announce);
     tarvConnect(&m_socket, &QUdpSocket::readyRead, this, &Discovery::on_socket_readyRead);
 }
 
@@ -194,6 +197,7 @@ void Discovery::stop()
     m_started = false;
     m_periodTimer.stop();
     m_expiryTimer.stop();
+    m_announceTimer.stop();
     if (m_socket.state() == QAbstractSocket::BoundState)
         m_socket.leaveMulticastGroup(m_options.group);
     m_socket.close();
@@ -213,7 +217,7 @@ void Discovery::setOwnRecord(const TarvSystemMember& record)
         m_members->rowsSetById(row);
     }
     if (m_started)
-        announce();
+        announceSoon();
 }
 
 void Discovery::setOwnHouse(const Discovery::House& house)
@@ -222,7 +226,7 @@ void Discovery::setOwnHouse(const Discovery::House& house)
         return;
     m_ownHouse = house;
     if (m_started)
-        announce();
+        announceSoon();
 }
 
 QVariantHash Discovery::stats() const
@@ -236,11 +240,20 @@ void Discovery::setAnnouncing(bool announcing)
         return;
     m_announcing = announcing;
     if (m_announcing && m_started)
-        announce();
+        announceSoon();
+}
+
+void Discovery::announceSoon()
+{
+    // One change of a setting often changes the record and the house
+    // information one after the other; they go out together, in one
+    // announcement, once the change is done.
+    m_announceTimer.start();
 }
 
 void Discovery::announce()
 {
+    m_announceTimer.stop();
     if (!m_announcing || m_own.id().isEmpty() || m_socket.state() != QAbstractSocket::BoundState)
         return;
     const QByteArray data = TarvHash(QVariantHash{{TarvValue::SystemMember(), m_own.toVariant()},

@@ -85,6 +85,8 @@ public:
     House ownHouse() const { return m_ownHouse; }
     // While off, nothing is announced (the device still listens and keeps
     // its own row); turning it on announces at once. On by default.
+    // "At once" is when control returns to the event loop, so that changes
+    // made together go out in one announcement.
     void setAnnouncing(bool announcing);
     bool isAnnouncing() const { return m_announcing; }
     // Dropped announcements: {"malformed", "oversized", "noId", "dropped"}.
@@ -111,6 +113,8 @@ Q_SIGNALS:
 
 private:
     void announce();
+    // Announces once control returns to the event loop.
+    void announceSoon();
     void drop(const char* counter, const QHostAddress& sender, const QString& reason);
     void upsert(const TarvSystemMember& record);
     void armExpiry();
@@ -123,6 +127,7 @@ private:
     QUdpSocket m_socket;
     QTimer m_periodTimer;
     QTimer m_expiryTimer;
+    QTimer m_announceTimer;
     QElapsedTimer m_clock;
     TarvSystemMember m_own;
     House m_ownHouse;
