@@ -98,14 +98,16 @@ async function resultLine(page, n, timeoutMs = 8000) {
                     li => ({ outcome: li.dataset.outcome, text: li.textContent }));
 }
 
-// The time the summary of the last action is shown (it is written once
-// every device has answered).
-function summaryShown(page, timeoutMs = 10000) {
-  return whenShown(page, timeoutMs, () => {
+// The time the next action on `page` finished (every device answered),
+// as the page took it when it wrote the summary; call it before the action.
+async function summaryShown(page, timeoutMs = 10000) {
+  const before = await page.evaluate(() => Number(document.getElementById("house-report").dataset.seq || 0));
+  return () => whenShown(page, timeoutMs, before => {
+    const report = document.getElementById("house-report");
     const summary = document.getElementById("house-summary");
-    return summary.dataset.state !== "running" && summary.textContent !== ""
-      && !document.getElementById("house").hasAttribute("aria-busy") && Date.now();
-  });
+    return Number(report.dataset.seq || 0) > before && summary.dataset.state !== "running"
+      && summary.textContent !== "" && report.dataset.finishedAt !== undefined && Number(report.dataset.finishedAt);
+  }, before);
 }
 
 async function click(page, selector) {
@@ -227,9 +229,9 @@ browserTest("Add rooms on dev4's page puts dev2 and dev3 in dev1's group, every 
   assert.deepEqual(labels, ["dev2 (on its own)", "dev3 (on its own)", "dev4 (on its own)"]);
   await click(page, "form.add-rooms input[value=\"" + lab.id(2) + "\"]");
   await click(page, "form.add-rooms input[value=\"" + lab.id(3) + "\"]");
-  const done = summaryShown(page);
+  const done = await summaryShown(page);
   await click(page, "form.add-rooms button[type=\"submit\"]");
-  const completed = await done;
+  const completed = await done();
   assert.deepEqual(await resultLine(page, 2), { outcome: "joined", text: "dev2 joined the group of dev1" });
   assert.deepEqual(await resultLine(page, 3), { outcome: "joined", text: "dev3 joined the group of dev1" });
   assert.equal(await page.$eval("#house-summary", e => e.textContent), "Done on all 2 devices");
@@ -249,9 +251,9 @@ browserTest("adding a device that has followers names it and its module's reason
   await housePromise(page, [[lab.id(1), [lab.id(2), lab.id(3)]], [lab.id(4), []]], 5000);
   await click(page, card(4) + " button[data-action=\"add\"]");
   await click(page, "form.add-rooms input[value=\"" + lab.id(1) + "\"]");
-  const done = summaryShown(page);
+  const done = await summaryShown(page);
   await click(page, "form.add-rooms button[type=\"submit\"]");
-  await done;
+  await done();
   assert.deepEqual(await resultLine(page, 1), { outcome: "refused", text: "dev1 refused: " + followersNotice });
   assert.equal(await page.$eval("#house-summary", e => e.textContent), "0 of 1 done; not done on dev1");
   assert.equal(await page.$eval("#house-summary", e => e.dataset.state), "failed");
@@ -262,9 +264,9 @@ browserTest("Ungroup on dev4's page brings every device back on its own on every
   const page = pages[4];
   await housePromise(page, [[lab.id(1), [lab.id(2), lab.id(3)]], [lab.id(4), []]], 5000);
   const shownOn = all.map(n => housePromise(pages[n], everyoneAlone(), 15000));
-  const done = summaryShown(page);
+  const done = await summaryShown(page);
   await click(page, card(1) + " button[data-action=\"ungroup\"]");
-  const completed = await done;
+  const completed = await done();
   assert.deepEqual(await resultLine(page, 2), { outcome: "left", text: "dev2 left the group of dev1" });
   assert.deepEqual(await resultLine(page, 3), { outcome: "left", text: "dev3 left the group of dev1" });
   const late = (await Promise.all(shownOn)).map(at => at - completed);
@@ -281,9 +283,9 @@ browserTest("Move to takes a follower from one group straight into another", asy
   const page = pages[4];
   await housePromise(page, [[lab.id(1), [lab.id(2)]], [lab.id(3), []], [lab.id(4), []]], 5000);
   await page.select(item(2) + " select", lab.id(3));
-  const done = summaryShown(page);
+  const done = await summaryShown(page);
   await click(page, item(2) + " button[data-action=\"move\"]");
-  await done;
+  await done();
   assert.deepEqual(await resultLine(page, 2), { outcome: "joined", text: "dev2 joined the group of dev3" });
   await housePromise(page, [[lab.id(1), []], [lab.id(3), [lab.id(2)]], [lab.id(4), []]], redrawMs);
   assert.equal(await masterOf(2), lab.id(3));
@@ -320,9 +322,9 @@ browserTest("a group saved from dev4's page for dev1 is written and forms again 
   assert.equal(await page.$eval("form.save label", l => l.textContent), "Save dev1, dev2 as");
   await typeInto(page, "form.save input", "Living room");
   const sentAt = Date.now();
-  const done = summaryShown(page);
+  const done = await summaryShown(page);
   await click(page, "form.save button[type=\"submit\"]");
-  await done;
+  await done();
   assert.deepEqual(await resultLine(page, 1), { outcome: "saved", text: "dev1 saved \"Living room\" (dev1, dev2)" });
   const saved = (await api[1].value(savedPath)).groupingPersistentGroup;
   assert.equal(saved.name, "Living room");
@@ -364,9 +366,9 @@ browserTest("a rename from dev4's page shows on every page within 1 s, and a ref
   const shownOn = all.map(n => named(n, "Kitchen", 10000));
   await click(page, item(2) + " button[data-action=\"rename\"]");
   await typeInto(page, "form.rename input", "Kitchen");
-  const done = summaryShown(page);
+  const done = await summaryShown(page);
   await click(page, "form.rename button[type=\"submit\"]");
-  const completed = await done;
+  const completed = await done();
   assert.deepEqual(await resultLine(page, 2), { outcome: "renamed", text: "dev2 renamed to Kitchen" });
   const late = (await Promise.all(shownOn)).map(at => at - completed);
   console.log("rename completed -> every page shows the name: " + late.join(", ") + " ms");
@@ -377,9 +379,9 @@ browserTest("a rename from dev4's page shows on every page within 1 s, and a ref
   // The host's own check, shown as it gives it, naming the device.
   await click(page, item(2) + " button[data-action=\"rename\"]");
   await typeInto(page, "form.rename input", "");
-  const refused = summaryShown(page);
+  const refused = await summaryShown(page);
   await click(page, "form.rename button[type=\"submit\"]");
-  await refused;
+  await refused();
   const line = await resultLine(page, 2);
   assert.equal(line.outcome, "refused");
   assert.ok(line.text.startsWith("Kitchen refused: /settings/device/name: a device name must not be empty"), line.text);

@@ -27,8 +27,9 @@ const model = { ownId: null, house: new Map(), loaded: false };
 let editor = null;
 // The group chosen in each device's "Move to" select, kept across redraws.
 const moveChoice = new Map();
-// What the last action did, device by device.
+// What the last action did, device by device; `seq` counts the actions.
 let report = null;
+let reportSeq = 0;
 let runningActions = 0;
 // Checks waiting for the house list to show something (see settled()).
 const waiters = new Set();
@@ -398,6 +399,13 @@ function renderReport() {
     return;
   }
   box.hidden = false;
+  box.dataset.seq = report.seq;
+  // When the action finished (every device answered or timed out), for
+  // whoever measures how soon other pages show its effect.
+  if (report.finishedAt)
+    box.dataset.finishedAt = report.finishedAt;
+  else
+    delete box.dataset.finishedAt;
   $("house-report-title").textContent = report.title;
   const lines = $("house-results");
   lines.replaceChildren(...report.lines.map(line => {
@@ -513,7 +521,7 @@ async function leave(id, transcoderId) {
 // and reports each device's own outcome as it comes; the summary says
 // "done" only when every device did what was asked.
 async function act(title, jobs) {
-  report = { title, lines: [], state: "running", summary: jobs.length ? "Waiting for " + jobs.length
+  report = { seq: ++reportSeq, title, lines: [], state: "running", summary: jobs.length ? "Waiting for " + jobs.length
              + (jobs.length === 1 ? " device…" : " devices…") : "" };
   ++runningActions;
   setBusy($("house"), true);
@@ -544,6 +552,7 @@ async function act(title, jobs) {
       report.state = "failed";
     }
   } finally {
+    report.finishedAt = Date.now();
     if (--runningActions === 0) {
       setBusy($("house"), false);
       $("house-status").textContent = "";
