@@ -291,6 +291,34 @@ browserTest("Move to takes a follower from one group straight into another", asy
   assert.equal(await masterOf(2), lab.id(3));
 });
 
+browserTest("a device that does not answer times out and a cut one is unreachable, each named", async () => {
+  await ungroupAll();
+  const page = pages[4];
+  await lab.script(["stop", "dev3"]);
+  await lab.script(["cut", "dev2"]);
+  try {
+    await click(page, card(1) + " button[data-action=\"add\"]");
+    for (const n of [2, 3, 4])
+      await click(page, "form.add-rooms input[value=\"" + lab.id(n) + "\"]");
+    const done = await summaryShown(page, 15000);
+    await click(page, "form.add-rooms button[type=\"submit\"]");
+    await done();
+    const dev2 = await resultLine(page, 2);
+    assert.equal(dev2.outcome, "unreachable", dev2.text);
+    assert.match(dev2.text, /^dev2: unreachable \(Device 'dev2' at [0-9.]+:8080 is unreachable: .+\)$/);
+    const dev3 = await resultLine(page, 3);
+    assert.equal(dev3.outcome, "timeout", dev3.text);
+    assert.match(dev3.text, /^dev3: timed out \(Device 'dev3' did not answer within [0-9]+ ms\)$/);
+    assert.deepEqual(await resultLine(page, 4), { outcome: "joined", text: "dev4 joined the group of dev1" });
+    const summary = await page.$eval("#house-summary", e => e.textContent);
+    assert.match(summary, /^1 of 3 done; not done on (dev2, dev3|dev3, dev2)$/);
+  } finally {
+    await lab.script(["cont", "dev3"]);
+    await lab.script(["heal", "dev2"]);
+  }
+  assert.equal(await masterOf(4), lab.id(1));
+});
+
 browserTest("a killed device leaves every page within the removal time and its restart brings it back", async () => {
   await ungroupAll();
   const others = [1, 2, 4];
