@@ -102,14 +102,39 @@ function render() {
 
   $("house-empty").hidden = !model.loaded || model.house.size > 0;
   const { list, unknown } = groups();
-  const cards = list.map(group => groupCard(group));
+  // What every card shows besides its own devices: names (of masters and
+  // saved members) and the groups a device can move to.
+  const shared = JSON.stringify([model.ownId, Array.from(model.house.values(), m => [m.id, m.name, m.transcoder])]);
+  const wanted = list.map(group => ({
+    key: "card:" + group.transcoder.id,
+    shown: JSON.stringify([shared, group, editorOf([group.transcoder, ...group.followers], group.transcoder.id)]),
+    build: () => groupCard(group),
+  }));
   if (unknown.length)
-    cards.push(unknownCard(unknown));
-  container.replaceChildren(...cards);
+    wanted.push({ key: "card:?", shown: JSON.stringify([shared, unknown, editorOf(unknown, null)]),
+                  build: () => unknownCard(unknown) });
+  // A card whose content did not change keeps its element, so a redraw
+  // for another group neither moves the focus nor takes away the button
+  // a user is pressing.
+  const kept = new Map(Array.from(container.children, card => [card.dataset.card, card]));
+  wanted.forEach((want, index) => {
+    let card = kept.get(want.key);
+    if (card && card.dataset.shown === want.shown) {
+      kept.delete(want.key);
+    } else {
+      card = want.build();
+      card.dataset.card = want.key;
+      card.dataset.shown = want.shown;
+    }
+    if (container.children[index] !== card)
+      container.insertBefore(card, container.children[index] || null);
+  });
+  for (const gone of kept.values())
+    gone.remove();
 
-  // A redraw rebuilds the cards; the control the user was on gets the
-  // focus back (and a text field its caret), so typing goes on.
-  if (focusKey) {
+  // A card that was rebuilt gives the control the user was on the focus
+  // back (and a text field its caret), so typing goes on.
+  if (focusKey && !container.contains(document.activeElement)) {
     const again = container.querySelector("[data-key=\"" + CSS.escape(focusKey) + "\"]");
     if (again) {
       again.focus();
@@ -118,6 +143,20 @@ function render() {
     }
   }
   renderReport();
+}
+
+// Which editor is open in a card of `members` (transcoder: the card's
+// own), as far as it changes the card's elements; what is typed or ticked
+// lives in the elements and in `editor`.
+function editorOf(members, transcoderId) {
+  if (!editor)
+    return null;
+  if (editor.kind === "rename" ? !members.some(m => m.id === editor.id) : editor.id !== transcoderId)
+    return null;
+  // "Add rooms" says where each other device is now.
+  if (editor.kind === "add")
+    return [editor.kind, editor.id, Array.from(model.house.values(), m => [m.id, m.master, Boolean(m.api)])];
+  return [editor.kind, editor.id];
 }
 
 let labelCounter = 0;
