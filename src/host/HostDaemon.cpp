@@ -94,6 +94,7 @@ bool HostDaemon::start(QString* error)
     if (!QHostInfo::localDomainName().isEmpty())
         apiOptions.allowedHosts << QHostInfo::localHostName() + QLatin1Char('.') + QHostInfo::localDomainName();
     apiOptions.version = QStringLiteral(TARV_HOST_VERSION);
+    apiOptions.deviceId = id;
     m_api = new ControlApi(apiOptions, this);
     if (!m_api->start(error))
         return false;

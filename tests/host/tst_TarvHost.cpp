@@ -182,6 +182,22 @@ private Q_SLOTS:
         QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 
+    void theHostRefusesToForwardToItselfAndToStrangers()
+    {
+        const auto host = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(host->start({}, &error), qPrintable(error));
+        int status = 0;
+        const QJsonObject self = get(*host, "/api/v1/devices/" + host->id().toStdString() + "/host", &status);
+        QCOMPARE(status, 400);
+        QCOMPARE(self.value("error").toObject().value("message").toString(),
+                 QStringLiteral("Device '%1' is this device; use /api/v1/host directly").arg(host->id()));
+        const QJsonObject stranger = get(*host, "/api/v1/devices/no-such-device/value?path=/a", &status);
+        QCOMPARE(status, 404);
+        QCOMPARE(stranger.value("error").toObject().value("name").toString(), QStringLiteral("UnknownDevice"));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+    }
+
     void twoHostsCannotShareADataDirectory()
     {
         const auto first = makeHost(QStringLiteral("a"));
