@@ -1,5 +1,5 @@
-// The device's web page in a real browser: headless Chromium on the pages of
-// a three-device lab (each host's API on its device address, port 8080),
+// The device's web page, its "This device" view (opened at /#/device), in a
+// real browser: headless Chromium on the pages of a three-device lab (each host's API on its device address, port 8080),
 // driven as a user would (clicks, keys, a form), checked against the
 // devices' control APIs. Every test saves a screenshot of the pages it used
 // under BUILD_DIR/browser/.
@@ -200,10 +200,10 @@ before(async () => {
   for (const n of [1, 2, 3])
     api[n] = new DeviceApi(origin(n));
   await browser.launch();
-  pages.dev1 = await browser.open(origin(1) + "/");
-  pages.dev2 = await browser.open(origin(2) + "/");
-  pages.dev2b = await browser.open(origin(2) + "/");
-  pages.dev3 = await browser.open(origin(3) + "/");
+  pages.dev1 = await browser.open(origin(1) + "/#/device");
+  pages.dev2 = await browser.open(origin(2) + "/#/device");
+  pages.dev2b = await browser.open(origin(2) + "/#/device");
+  pages.dev3 = await browser.open(origin(3) + "/#/device");
   // Set once; a reload would lose it.
   for (const page of Object.values(pages))
     await page.evaluate(() => { window.notReloaded = true; });
@@ -353,7 +353,7 @@ browserTest("the keyboard alone joins and leaves, and focus stays on the row", {
 
 browserTest("a phone-sized screen gets one column and a tap joins", { phone: "phone" }, async () => {
   await ungroupAll();
-  pages.phone = await browser.open(origin(3) + "/",
+  pages.phone = await browser.open(origin(3) + "/#/device",
                                    { width: 375, height: 740, isMobile: true, hasTouch: true, deviceScaleFactor: 2 });
   const page = pages.phone;
   await transcodersViewWith([lab.id(1), lab.id(2)])(page);
@@ -362,7 +362,9 @@ browserTest("a phone-sized screen gets one column and a tap joins", { phone: "ph
       const r = document.getElementById(id).getBoundingClientRect();
       return { top: r.top, bottom: r.bottom, width: r.width };
     };
-    const buttons = Array.from(document.querySelectorAll("button"), b => b.getBoundingClientRect());
+    // The view not shown (the House) is hidden, its buttons have no size.
+    const buttons = Array.from(document.querySelectorAll("button"), b => b.getBoundingClientRect())
+      .filter(r => r.width > 0);
     return {
       scrollWidth: document.documentElement.scrollWidth,
       innerWidth: window.innerWidth,
@@ -436,7 +438,7 @@ browserTest("an empty name with other members shows the module's error and saves
 browserTest("a group saved from the page is written, shown on every tab, followed and cleared",
             { dev1: "dev1", dev2: "dev2" }, async () => {
   const page = pages.dev1;
-  const second = await browser.open(origin(1) + "/");
+  const second = await browser.open(origin(1) + "/#/device");
   try {
     const dev2Box = "#save-members input[value=\"" + lab.id(2) + "\"]";
     if (!(await page.$eval(dev2Box, box => box.checked)))

@@ -659,6 +659,7 @@ private Q_SLOTS:
         QTest::newRow("page") << "/" << "text/html; charset=utf-8";
         QTest::newRow("style") << "/web/app.css" << "text/css; charset=utf-8";
         QTest::newRow("script") << "/web/app.js" << "text/javascript; charset=utf-8";
+        QTest::newRow("module") << "/web/houseView.js" << "text/javascript; charset=utf-8";
     }
 
     void theWebPagesFilesAreServed()
