@@ -5,7 +5,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json soak clean
+.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json bench-instructions soak clean
 
 all: build
 
@@ -66,6 +66,9 @@ bench-scale: build
 
 bench-json: build
 	bash scripts/bench-json
+
+bench-instructions: build
+	bash scripts/bench-instructions
 
 soak: build
 	bash scripts/soak
