@@ -5,7 +5,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json bench-instructions soak clean
+.PHONY: all deps configure build test test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-house bench-json bench-instructions soak clean
 
 all: build
 
@@ -63,6 +63,9 @@ bench-lab: build
 
 bench-scale: build
 	bash scripts/bench-scale
+
+bench-house: build
+	bash scripts/bench-house
 
 bench-json: build
 	bash scripts/bench-json
