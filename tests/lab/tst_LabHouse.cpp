@@ -4,7 +4,6 @@
 // through the host it talks to, with the same answers as when talking to
 // that device directly.
 
-#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -240,13 +239,12 @@ void tst_LabHouse::aCutDeviceIsReportedUnreachableByName()
 void tst_LabHouse::aKilledDeviceLeavesTheHouseAndItsRestartBringsItBack()
 {
     const int goneAfterMs = Discovery::silenceLimitMs(Discovery::GoneAfterMissed, kDiscoveryMs);
+    // How soon after its last announcement a device goes is discovery's
+    // own matter (tst_Discovery pins it); here it must go from every house
+    // within that time.
     QCOMPARE(m_lab->run({QStringLiteral("kill"), name(3)}), 0);
-    QElapsedTimer silence;
-    silence.start();
     for (int device : {1, 2, 4})
         QTRY_VERIFY_WITH_TIMEOUT(!house(device).contains(id(3)), goneAfterMs + kDeliveryMs);
-    // Not before the host's removal time: a device is given its announcements.
-    QVERIFY2(silence.elapsed() >= goneAfterMs - kDiscoveryMs, qPrintable(QString::number(silence.elapsed())));
 
     QString output;
     QCOMPARE(ctl(4, {QStringLiteral("--device"), name(3), QStringLiteral("status")}, &output), 1);
