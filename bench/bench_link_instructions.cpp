@@ -26,39 +26,16 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QUdpSocket>
-#include <QUuid>
 
 #include <tarv>
 
+#include "LinkBenchSupport.h"
 #include "ReceiverLinkTestSupport.h"
 #include "SimpleGroupingSocket.h"
 
+using namespace LinkBenchSupport;
+
 namespace {
-
-// A receiver's own record as it goes out in every "add".
-QByteArray realisticAdd()
-{
-    TarvList<QString> group;
-    for (int i = 0; i < 2; ++i)
-        group.append(QUuid::createUuid().toString(QUuid::WithoutBraces));
-    const TarvSystemMember member = TarvSystemMember()
-                                        .setId(QUuid::createUuid().toString(QUuid::WithoutBraces))
-                                        .setName(QStringLiteral("Living Room Speaker"))
-                                        .setHost(QStringLiteral("living-room-speaker.local"))
-                                        .setIpAddress(QStringLiteral("192.168.178.42"))
-                                        .setTranscoder(false)
-                                        .setPersistentGroupTimestamp(Q_INT64_C(1700000000123))
-                                        .setPersistentGroupMembers(group);
-    return "add" + member.toJsonString().toUtf8();
-}
-
-QByteArray filler(const char* start, int size)
-{
-    QByteArray bytes(start);
-    while (bytes.size() < size)
-        bytes.append(static_cast<char>('a' + bytes.size() % 26));
-    return bytes;
-}
 
 // The kernel's count of UDP datagrams it dropped for a full receive queue:
 // a batch is only measured whole.
@@ -77,22 +54,6 @@ long long udpReceiveBufferErrors()
         return index >= 0 && index < values.size() ? values.at(index).toLongLong() : -1;
     }
     return -1;
-}
-
-void sendBatch(int sender, quint16 port, const QByteArray& payload, int count)
-{
-    sockaddr_in to {};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(port);
-    for (int i = 0; i < count; ++i) {
-        if (::sendto(sender, payload.constData(), static_cast<size_t>(payload.size()), 0,
-                     reinterpret_cast<const sockaddr*>(&to), sizeof to)
-            < 0) {
-            std::perror("sendto");
-            std::exit(1);
-        }
-    }
 }
 
 // The floor: what reading costs through Qt's socket API, with the sender's
@@ -166,9 +127,9 @@ int main(int argc, char** argv)
     const QByteArray add = realisticAdd();
     QByteArray payload = add;
     if (kind == QLatin1String("garbage") || kind == QLatin1String("qt"))
-        payload = filler("GET / HTTP/1.1 ", add.size());
+        payload = garbage(add.size());
     else if (kind == QLatin1String("badjson"))
-        payload = filler("add{\"id\":", add.size());
+        payload = brokenAdd(add.size());
 
     TarvSetRequestPort(ReceiverLinkTestSupport::freeUdpPort());
     SimpleGroupingSocket listener;
@@ -183,12 +144,12 @@ int main(int argc, char** argv)
     QByteArray buffer(SimpleGroupingSocket::MaxDatagramBytes, Qt::Uninitialized);
     const bool floor = kind == QLatin1String("qt");
     SimpleGroupingSocket* const measuredListener = floor ? nullptr : &listener;
-    const quint16 port = floor ? qtSocket.localPort() : TarvRequestPort();
+    const sockaddr_in to = loopbackTo(floor ? qtSocket.localPort() : TarvRequestPort());
 
     const int sender = ::socket(AF_INET, SOCK_DGRAM, 0);
     // Small batches: the kernel's default receive queue holds them whole.
     const int batch = 50;
-    sendBatch(sender, port, payload, batch);
+    sendBatch(sender, to, payload, batch);
     tarv_unmeasured_drain(measuredListener, &qtSocket, &buffer);
 
     const long long dropsBefore = udpReceiveBufferErrors();
@@ -197,7 +158,7 @@ int main(int argc, char** argv)
     emitted = 0;
     while (sent < total) {
         const int count = qMin(batch, total - sent);
-        sendBatch(sender, port, payload, count);
+        sendBatch(sender, to, payload, count);
         sent += count;
         read += tarv_measured_drain(measuredListener, &qtSocket, &buffer);
     }
