@@ -4,37 +4,10 @@
 #include <QtTest>
 
 #include "CannedServer.h"
+#include "CommandRun.h"
 #include "CtlCommand.h"
 
 namespace {
-
-struct Run
-{
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-Run run(const QStringList& arguments, const QString& api)
-{
-    Run result;
-    QTextStream out(&result.out);
-    QTextStream err(&result.err);
-    CtlCommand command(out, err);
-    result.exitCode = command.run(QStringList{"--api", api} + arguments);
-    out.flush();
-    err.flush();
-    return result;
-}
-
-QJsonObject parseObject(const QString& text)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
-    if (error.error != QJsonParseError::NoError || !document.isObject())
-        return QJsonObject{{"unparsable", text}};
-    return document.object();
-}
 
 const QByteArray meHost = R"({"id":"me","name":"dev3","host":"h3","address":"10.0.0.3","requestPort":41230,"version":"0.1.0"})";
 
@@ -92,7 +65,7 @@ void tst_CtlHouseCommand::houseShowsEveryGroupSortedByName()
     CannedServer server;
     server.answer("GET", "/api/v1/host", 200, meHost);
     server.answer("GET", "/api/v1/rows?path=/system/house", 200, house);
-    const Run result = run({"house"}, server.api());
+    const CommandRun result = CommandRun::of({"--api", server.api(), "house"});
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("House: 7 devices, 1 group; tarvctl talks to dev3 [me]\n"
@@ -121,9 +94,9 @@ void tst_CtlHouseCommand::houseJsonHasGroupsLoneDevicesAndTheRawRows()
     CannedServer server;
     server.answer("GET", "/api/v1/host", 200, meHost);
     server.answer("GET", "/api/v1/rows?path=/system/house", 200, house);
-    const Run result = run({"house", "--json"}, server.api());
+    const CommandRun result = CommandRun::of({"--api", server.api(), "house", "--json"});
     QCOMPARE(result.exitCode, 0);
-    const QJsonObject answer = parseObject(result.out);
+    const QJsonObject answer = CommandRun::parseObject(result.out);
     QCOMPARE(answer.value("self").toString(), QString("me"));
     const QJsonArray groups = answer.value("groups").toArray();
     QCOMPARE(groups.size(), 1);
@@ -153,7 +126,7 @@ void tst_CtlHouseCommand::houseOfOneDeviceSaysSoAndNamesNoSavedGroup()
     server.answer("GET", "/api/v1/rows?path=/system/house", 200, R"({"path":"/system/house","rows":[
         {"id":"a","value":{"houseMember":{"id":"a","name":"kitchen","transcoder":true,"master":"a",
           "savedGroup":{"name":"","members":[],"timestamp":1700000000000},"api":null}}}]})");
-    const Run result = run({"house"}, server.api());
+    const CommandRun result = CommandRun::of({"--api", server.api(), "house"});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("House: 1 device, 0 groups; tarvctl talks to kitchen [a]\n"
                                  "On their own\n"
@@ -166,7 +139,7 @@ void tst_CtlHouseCommand::houseOfAHostNotInItsOwnListSaysSo()
     CannedServer server;
     server.answer("GET", "/api/v1/host", 200, R"({"id":"zz","name":"new"})");
     server.answer("GET", "/api/v1/rows?path=/system/house", 200, R"({"path":"/system/house","loading":true,"rows":[]})");
-    const Run result = run({"house"}, server.api());
+    const CommandRun result = CommandRun::of({"--api", server.api(), "house"});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("House: 0 devices, 0 groups; tarvctl talks to zz (not in the house)\n"
                                  "On their own: none\n"
@@ -195,7 +168,7 @@ void tst_CtlHouseCommand::houseFailsWithTheHostsError()
     const QByteArray refusal = R"({"error":{"name":"NotFound","title":"Not found","message":"No node at /system/house"}})";
     server.answer("GET", "/api/v1/host", hostStatus, hostStatus == 200 ? meHost : refusal);
     server.answer("GET", "/api/v1/rows?path=/system/house", houseStatus, houseStatus == 200 ? house : refusal);
-    const Run result = run({"house"}, server.api());
+    const CommandRun result = CommandRun::of({"--api", server.api(), "house"});
     QCOMPARE(result.exitCode, exitCode);
     QCOMPARE(result.err, error);
     QCOMPARE(result.out, QString());
