@@ -502,14 +502,35 @@ function unreachableLine(id) {
            text: nameOf(id) + ": unreachable from here (its control API listens only on its own loopback)" };
 }
 
-async function join(id, transcoderId) {
+// The result line of device `id` when this page cannot ask it at all,
+// else null.
+function unaskable(id) {
   const member = model.house.get(id);
+  if (!member)
+    return { id, outcome: "unreachable", text: nameOf(id) + ": not on this network any more" };
+  return reachable(member) ? null : unreachableLine(id);
+}
+
+// Invokes `path` on device `id`, then waits until the house list shows
+// `holds()`: `done` is the result line then, else a time-out saying
+// `timedOut`.
+async function invokeAndSettle(id, path, holds, done, timedOut) {
+  try {
+    await api(id).invoke(path);
+  } catch (e) {
+    return failure(id, e);
+  }
+  if (await settled(holds))
+    return done;
+  return { id, outcome: "timeout", text: timedOut };
+}
+
+async function join(id, transcoderId) {
   const name = nameOf(id);
   const tName = nameOf(transcoderId);
-  if (!member)
-    return { id, outcome: "unreachable", text: name + ": not on this network any more" };
-  if (!reachable(member))
-    return unreachableLine(id);
+  const cannot = unaskable(id);
+  if (cannot)
+    return cannot;
   let list;
   try {
     list = await api(id).rows(paths.list);
@@ -528,32 +549,20 @@ async function join(id, transcoderId) {
       : notice ? notice.title : tName + " is not in its list of " + (list.title || "transcoders");
     return { id, outcome: "refused", text: name + " refused: " + reason };
   }
-  try {
-    await api(id).invoke(row.path);
-  } catch (e) {
-    return failure(id, e);
-  }
-  if (await settled(() => (model.house.get(id) || {}).master === transcoderId))
-    return { id, outcome: "joined", text: name + " joined the group of " + tName };
-  return { id, outcome: "timeout", text: name + " did not join " + tName + " (timed out)" };
+  return invokeAndSettle(id, row.path, () => (model.house.get(id) || {}).master === transcoderId,
+                         { id, outcome: "joined", text: name + " joined the group of " + tName },
+                         name + " did not join " + tName + " (timed out)");
 }
 
 async function leave(id, transcoderId) {
-  const member = model.house.get(id);
   const name = nameOf(id);
   const tName = nameOf(transcoderId);
-  if (!member)
-    return { id, outcome: "unreachable", text: name + ": not on this network any more" };
-  if (!reachable(member))
-    return unreachableLine(id);
-  try {
-    await api(id).invoke(paths.leave);
-  } catch (e) {
-    return failure(id, e);
-  }
-  if (await settled(() => { const m = model.house.get(id); return m && m.master !== transcoderId; }))
-    return { id, outcome: "left", text: name + " left the group of " + tName };
-  return { id, outcome: "timeout", text: name + " did not leave " + tName + " (timed out)" };
+  const cannot = unaskable(id);
+  if (cannot)
+    return cannot;
+  return invokeAndSettle(id, paths.leave, () => { const m = model.house.get(id); return m && m.master !== transcoderId; },
+                         { id, outcome: "left", text: name + " left the group of " + tName },
+                         name + " did not leave " + tName + " (timed out)");
 }
 
 // Runs one action over several devices (at most maxDeviceRequests at once)
