@@ -26,6 +26,7 @@ import os from "node:os";
 import fs from "node:fs";
 import { Browser } from "../tests/browser/Browser.mjs";
 import { DeviceApi, Lab } from "../tests/browser/Lab.mjs";
+import { click, groupsShownAt } from "../tests/browser/PageHelpers.mjs";
 
 const options = { rounds: 50, idleS: 60, discoveryMs: 1000 };
 {
@@ -176,37 +177,6 @@ const memberMaster = value => value && value.groupingMember && value.groupingMem
   && value.groupingMember.master.id;
 const houseMaster = value => value && value.houseMember && value.houseMember.master;
 
-function normalised(groups) {
-  return JSON.stringify(groups.map(([t, f]) => [t, [...f].sort()]).sort((a, b) => (a[0] < b[0] ? -1 : 1)));
-}
-
-// The page's Date.now() when its DOM first shows exactly `groups` (by id),
-// checked at every change of the DOM.
-function shownAt(page, groups, timeoutMs) {
-  return page.waitForFunction(expected => {
-    const shown = Array.from(document.querySelectorAll("#house-groups article.group[data-id]"), card =>
-      [card.dataset.id, Array.from(card.querySelectorAll("li.device[data-role=\"follower\"]"), li => li.dataset.id)
-        .sort()]).sort((a, b) => (a[0] < b[0] ? -1 : 1));
-    return JSON.stringify(shown) === expected && !document.querySelector("#house-groups article.unknown") && Date.now();
-  }, { polling: "mutation", timeout: timeoutMs }, normalised(groups)).then(handle => handle.jsonValue());
-}
-
-async function click(page, selector) {
-  await page.bringToFront();
-  // The page redraws as events arrive: an element replaced between being
-  // found and being clicked is found again (a few times at most).
-  for (let attempt = 1; ; ++attempt) {
-    try {
-      await page.click(selector);
-      return;
-    } catch (error) {
-      if (attempt >= 5 || !/detached|not clickable|No node/i.test(String(error && error.message)))
-        throw error;
-      await sleep(50);
-    }
-  }
-}
-
 function card(n) { return "#house-groups article.group[data-id=\"" + lab.id(n) + "\"]"; }
 
 function everyoneAlone() { return all.map(n => [lab.id(n), []]); }
@@ -257,7 +227,7 @@ async function clickRound(readers) {
   const grouped = [[lab.id(1), [lab.id(2)]], [lab.id(3), []], [lab.id(4), []]];
   await click(page, card(1) + " button[data-action=\"add\"]");
   await click(page, "form.add-rooms input[value=\"" + lab.id(2) + "\"]");
-  const shown = all.map(n => shownAt(pages[n], grouped, 10000));
+  const shown = all.map(n => groupsShownAt(pages[n], grouped, 10000));
   const from2 = readers[2].events.length;
   const from4 = readers[4].events.length;
   const followed = readers[2].waitFor(from2, 10000, "dev2's own row following dev1",
@@ -301,7 +271,7 @@ async function clickRound(readers) {
   };
   // Back to everyone alone, not measured.
   await api[2].invoke(leavePath);
-  await Promise.all(all.map(n => shownAt(pages[n], everyoneAlone(), 10000)));
+  await Promise.all(all.map(n => groupsShownAt(pages[n], everyoneAlone(), 10000)));
   return result;
 }
 
@@ -314,7 +284,7 @@ async function main() {
   await browser.launch();
 
   pages[4] = await browser.open(lab.api(4) + "/", { width: 1366, height: 800 });
-  await shownAt(pages[4], everyoneAlone(), 10000);
+  await groupsShownAt(pages[4], everyoneAlone(), 10000);
   const loadBeforeIdle = loadAverage();
   const idle = options.idleS > 0 ? await idleCost(ticksPerSecond) : [];
   const loadAfterIdle = loadAverage();
@@ -322,7 +292,7 @@ async function main() {
   for (const n of [1, 2, 3])
     pages[n] = await browser.open(lab.api(n) + "/", { width: 1366, height: 800 });
   for (const n of all)
-    await shownAt(pages[n], everyoneAlone(), 10000);
+    await groupsShownAt(pages[n], everyoneAlone(), 10000);
   await pages[4].evaluate(() => {
     document.addEventListener("click", event => {
       if (event.target.closest("form.add-rooms button[type=\"submit\"]"))

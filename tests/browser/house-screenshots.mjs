@@ -6,6 +6,7 @@
 import path from "node:path";
 import { Browser } from "./Browser.mjs";
 import { DeviceApi, Lab, sourceDir } from "./Lab.mjs";
+import { until } from "./PageHelpers.mjs";
 
 const why = await Lab.unavailableReason();
 if (why) {
@@ -16,29 +17,13 @@ if (why) {
 const lab = new Lab("s");
 const browser = new Browser();
 
-async function until(what, timeoutMs, check) {
-  const deadline = Date.now() + timeoutMs;
-  for (;;) {
-    if (await check().catch(() => false))
-      return;
-    if (Date.now() > deadline)
-      throw new Error(what + " within " + timeoutMs + " ms");
-    await new Promise(resolve => setTimeout(resolve, 100));
-  }
-}
-
-async function masterOf(api, id) {
-  const own = (await api.rows("/grouping/members")).rows.find(row => row.id === id);
-  return own ? own.value.groupingMember.master.id : null;
-}
-
 try {
   await lab.up(4, ["--discovery-ms", "1000"]);
   const api = [1, 2, 3, 4].map(n => new DeviceApi(lab.api(n)));
   await api[1].invoke("/ui/grouping/joinTranscoder/" + lab.id(1));
   await api[3].invoke("/ui/grouping/joinTranscoder/" + lab.id(3));
-  await until("dev2 follows dev1", 5000, async () => (await masterOf(api[1], lab.id(2))) === lab.id(1));
-  await until("dev4 follows dev3", 5000, async () => (await masterOf(api[3], lab.id(4))) === lab.id(3));
+  await until("dev2 follows dev1", 5000, async () => (await api[1].masterOf(lab.id(2))) === lab.id(1));
+  await until("dev4 follows dev3", 5000, async () => (await api[3].masterOf(lab.id(4))) === lab.id(3));
   await api[0].invoke("/grouping/persistentGroup/save",
                       { groupingPersistentGroup: { name: "Living room", members: [lab.id(1), lab.id(2)] } });
   await browser.launch();

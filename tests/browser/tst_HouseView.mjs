@@ -5,10 +5,10 @@
 // Screenshots of the pages go to BUILD_DIR/browser/.
 import { after, before, test } from "node:test";
 import assert from "node:assert/strict";
-import fs from "node:fs";
 import path from "node:path";
 import { Browser } from "./Browser.mjs";
 import { DeviceApi, Lab } from "./Lab.mjs";
+import { click, groupsShownAt, normalisedGroups, screenshot, until, whenShown } from "./PageHelpers.mjs";
 
 // Exit code ctest reads as "skipped" (SKIP_RETURN_CODE).
 const skipCode = 77;
@@ -36,32 +36,6 @@ const api = {};
 const pages = {};
 const shots = path.join(lab.buildDir, "browser");
 
-async function until(what, timeoutMs, check) {
-  const deadline = Date.now() + timeoutMs;
-  let last;
-  for (;;) {
-    try {
-      last = await check();
-      if (last)
-        return last;
-    } catch (e) {
-      last = e.message;
-    }
-    if (Date.now() > deadline)
-      assert.fail(what + " within " + timeoutMs + " ms; last seen: " + JSON.stringify(last));
-    await new Promise(resolve => setTimeout(resolve, 50));
-  }
-}
-
-// Waits until `predicate` (run in the page at every DOM change; it returns
-// the page's Date.now() once what it waits for is shown, else false) holds,
-// and returns that time. All pages run in one browser, on this machine's
-// clock, so times from different pages compare.
-async function whenShown(page, timeoutMs, predicate, ...args) {
-  const handle = await page.waitForFunction(predicate, { polling: "mutation", timeout: timeoutMs }, ...args);
-  return handle.jsonValue();
-}
-
 // The groups a page shows: [[transcoder id, [follower ids]]], sorted.
 function shownGroups(page) {
   return page.evaluate(() => Array.from(document.querySelectorAll("#house-groups article.group[data-id]"), card =>
@@ -69,21 +43,11 @@ function shownGroups(page) {
     .sort((a, b) => (a[0] < b[0] ? -1 : 1)));
 }
 
-function normalised(groups) {
-  return groups.map(([t, f]) => [t, [...f].sort()]).sort((a, b) => (a[0] < b[0] ? -1 : 1));
-}
-
 // Resolves with the time `page` first shows exactly `groups` (by id) and no
 // device of an unknown group.
 function housePromise(page, groups, timeoutMs) {
-  return whenShown(page, timeoutMs, expected => {
-    const shown = Array.from(document.querySelectorAll("#house-groups article.group[data-id]"), card =>
-      [card.dataset.id, Array.from(card.querySelectorAll("li.device[data-role=\"follower\"]"), li => li.dataset.id)
-        .sort()]).sort((a, b) => (a[0] < b[0] ? -1 : 1));
-    return JSON.stringify(shown) === expected && !document.querySelector("#house-groups article.unknown")
-      && Date.now();
-  }, JSON.stringify(normalised(groups))).catch(async e => {
-    assert.fail(page.url() + " does not show " + JSON.stringify(normalised(groups)) + ": "
+  return groupsShownAt(page, groups, timeoutMs).catch(async e => {
+    assert.fail(page.url() + " does not show " + JSON.stringify(normalisedGroups(groups)) + ": "
                 + JSON.stringify(await shownGroups(page)) + " (" + e.message + ")");
   });
 }
@@ -110,22 +74,6 @@ async function summaryShown(page, timeoutMs = 10000) {
   }, before);
 }
 
-async function click(page, selector) {
-  await page.bringToFront();
-  // The page redraws as events arrive: an element replaced between being
-  // found and being clicked is found again (a few times at most).
-  for (let attempt = 1; ; ++attempt) {
-    try {
-      await page.click(selector);
-      return;
-    } catch (error) {
-      if (attempt >= 5 || !/detached|not clickable|No node/i.test(String(error && error.message)))
-        throw error;
-      await new Promise(resolve => setTimeout(resolve, 50));
-    }
-  }
-}
-
 async function typeInto(page, selector, text) {
   await page.bringToFront();
   await page.click(selector, { clickCount: 3 });
@@ -137,11 +85,7 @@ async function typeInto(page, selector, text) {
 function card(n) { return "#house-groups article.group[data-id=\"" + lab.id(n) + "\"]"; }
 function item(n) { return "#house-groups li.device[data-id=\"" + lab.id(n) + "\"]"; }
 
-async function masterOf(n) {
-  const rows = (await api[n].rows("/grouping/members")).rows;
-  const own = rows.find(row => row.id === lab.id(n));
-  return own ? own.value.groupingMember.master.id : null;
-}
+function masterOf(n) { return api[n].masterOf(lab.id(n)); }
 
 // Every device on its own again (through the APIs, not the page), and every
 // page showing it.
@@ -151,12 +95,6 @@ async function ungroupAll() {
   for (const n of all)
     await until("dev" + n + " on its own", 5000, async () => (await masterOf(n)) === lab.id(n));
   await Promise.all(all.map(n => housePromise(pages[n], everyoneAlone(), 5000)));
-}
-
-async function screenshot(name, page) {
-  fs.mkdirSync(shots, { recursive: true });
-  await page.bringToFront();
-  await page.screenshot({ path: path.join(shots, name + ".png"), fullPage: true });
 }
 
 function browserTest(name, body) {
@@ -169,8 +107,8 @@ function browserTest(name, body) {
       throw e;
     } finally {
       const base = "house-" + name.replace(/[^a-z0-9]+/gi, "-").toLowerCase().slice(0, 60);
-      await screenshot(base + "-dev4", pages[4]).catch(() => {});
-      await screenshot(base + "-dev1", pages[1]).catch(() => {});
+      await screenshot(shots, base + "-dev4", pages[4]).catch(() => {});
+      await screenshot(shots, base + "-dev1", pages[1]).catch(() => {});
     }
   });
 }
@@ -461,7 +399,7 @@ browserTest("a phone-sized screen gets one column, big enough buttons and no sid
       ...Array.from(document.querySelectorAll("input, select"), i => i.labels.length ? null : i.outerHTML),
     ].filter(Boolean));
     assert.deepEqual(unlabelled, []);
-    await screenshot("house-phone", phone);
+    await screenshot(shots, "house-phone", phone);
   } finally {
     await phone.close();
   }
