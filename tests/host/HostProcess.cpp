@@ -10,6 +10,8 @@
 #include <QUdpSocket>
 #include <QUrl>
 
+#include "EmulatedProgram.h"
+
 HostProcess::HostProcess(const QString& binary, const QString& module, const QString& workDirectory)
     : m_binary(binary)
     , m_module(module)
@@ -74,7 +76,7 @@ bool HostProcess::start(const QStringList& extraArguments, QString* error, int t
     m_requestPort = 0;
     m_process.setStandardOutputFile(m_logFile, QIODevice::Append);
     m_process.setStandardErrorFile(m_logFile, QIODevice::Append);
-    m_process.start(m_binary, arguments(extraArguments));
+    EmulatedProgram::start(m_process, m_binary, arguments(extraArguments));
     if (!m_process.waitForStarted(5000)) {
         *error = QStringLiteral("cannot start %1: %2").arg(m_binary, m_process.errorString());
         return false;

@@ -22,6 +22,7 @@
 
 #include <httplib.h>
 
+#include "EmulatedProgram.h"
 #include "HostProcess.h"
 #include "SlowClients.h"
 
@@ -69,7 +70,7 @@ private:
     static std::tuple<int, QString, QString> run(const QStringList& arguments)
     {
         QProcess process;
-        process.start(QStringLiteral(TARV_HOST_BINARY), arguments);
+        EmulatedProgram::start(process, QStringLiteral(TARV_HOST_BINARY), arguments);
         if (!process.waitForFinished(10000))
             return {-1, QString(), QString()};
         return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
