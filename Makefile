@@ -18,7 +18,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-cross test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json soak clean
+.PHONY: all deps configure build test test-cross check-package test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json soak clean
 
 all: build
 
@@ -37,8 +37,14 @@ build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
 # Every test of the release build, then the sanitizer run and a short run
-# of every fuzzer on the instrumented build.
+# of every fuzzer on the instrumented build. Before them the arm64 cross
+# build's module and host suites under qemu-user (make test-cross ARCH=arm64
+# runs its api and tools suites too); it comes first because the release
+# build's mixed lab (tst_LabMixedArch) runs that build's host.
+TEST_CROSS_ARCH ?= arm64
+TEST_CROSS_LABELS ?= module|host
 test: build
+	$(MAKE) test-cross ARCH=$(TEST_CROSS_ARCH) BUILD_DIR=build-$(TEST_CROSS_ARCH) CROSS_LABELS='$(TEST_CROSS_LABELS)'
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) --timeout 300
 	bash scripts/test-sanitize
 	bash scripts/fuzz $(TEST_FUZZ_SECONDS)
@@ -69,9 +75,15 @@ fuzz: deps
 install: build
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_DIR) $(if $(PREFIX),--prefix $(PREFIX))
 
-# The Debian package, $(BUILD_DIR)/tarv-host_<version>_<arch>.deb.
+# The Debian package, $(BUILD_DIR)/tarv-host_<version>_<arch>.deb; with
+# ARCH=arm64|armhf that architecture's, in build-<arch>/.
 package: build
 	cmake --build $(BUILD_DIR) --target package
+
+# Installs that package into an empty root and starts its host (under
+# qemu-user for ARCH=arm64|armhf); needs root.
+check-package: package
+	bash scripts/check-package $(ARCH)
 
 demo:
 	$(MAKE) build BUILD_TESTING=OFF TARV_BENCH=OFF
@@ -96,4 +108,4 @@ soak: build
 	bash scripts/soak
 
 clean:
-	rm -rf $(BUILD_DIR) build-sanitize
+	rm -rf $(BUILD_DIR) build-sanitize build-arm64 build-armhf
