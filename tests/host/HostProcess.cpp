@@ -81,6 +81,10 @@ bool HostProcess::start(const QStringList& extraArguments, QString* error, int t
         *error = QStringLiteral("cannot start %1: %2").arg(m_binary, m_process.errorString());
         return false;
     }
+    // An emulated host (a cross build's tests under qemu-user) translates
+    // its code on first use and starts several times slower.
+    if (EmulatedProgram::isEmulated())
+        timeoutMs *= 6;
     // The ready line names the API's URL (the port was left to the host) and the id.
     static const QRegularExpression ready(QStringLiteral("tarv-host ready: api (http://\\S+) id (\\S+)"));
     QElapsedTimer elapsed;
