@@ -54,6 +54,16 @@ QString titleOf(CMNode* node)
     return ui ? ui->title().toString() : QString();
 }
 
+void refuseMethod(const httplib::Request& request, httplib::Response& response, const QString& allowed)
+{
+    response.set_header("Allow", allowed.toStdString());
+    ApiResponse::sendError(response, 405,
+                           ApiResponse::error(QStringLiteral("MethodNotAllowed"), QStringLiteral("Method not allowed"),
+                                              QStringLiteral("%1 does not take %2; use %3")
+                                                  .arg(QString::fromStdString(request.path),
+                                                       QString::fromStdString(request.method), allowed)));
+}
+
 // Fails `reply` with 404 when `path` holds no value, saying what is there
 // instead (and, to a reader of a list, where its rows are). Runs on the
 // event loop. True when it failed the reply.
@@ -115,15 +125,17 @@ bool bodyObject(const httplib::Request& request, httplib::Response& response, QV
 ControlApi::ControlApi(const Options& options, QObject* parent)
     : QObject(parent),
       m_options(options),
-      // Event streams hold a worker each; the rest stay free for ordinary
-      // requests (waiting connections hold none).
-      m_server(new ControlServer(EventStream::MaxSubscribers + 8,
+      // Event streams and forwards to other devices hold a worker each, a
+      // forward for as long as the other device takes; eight more stay
+      // free for ordinary requests (waiting connections hold none).
+      m_server(new ControlServer(EventStream::MaxSubscribers + DeviceForwarder::MaxForwards + 8,
                                  [](const std::string& name, const std::string& title, const std::string& message) {
                                      return ApiResponse::errorBody(QString::fromStdString(name),
                                                                    QString::fromStdString(title),
                                                                    QString::fromStdString(message));
                                  })),
-      m_events(new EventStream(this))
+      m_events(new EventStream(this)),
+      m_forwarder(options.deviceId, [this](const LoopWork& work, int waitMs) { return runOnLoop(work, waitMs); })
 {
     // Events go out as small writes back to back; with Nagle's algorithm the
     // second waits for the client's delayed ACK (~40 ms).
@@ -198,6 +210,10 @@ bool ControlApi::start(QString* error)
     server.set_error_handler(httplib::Server::HandlerWithResponse([](const Request& request, Response& response) {
         if (!response.body.empty())
             return httplib::Server::HandlerResponse::Unhandled;
+        if (response.status == 404 && DeviceForwarder::isDevicePath(request.path)) {
+            ApiResponse::sendError(response, 404, DeviceForwarder::notForwarded(request.method, request.path));
+            return httplib::Server::HandlerResponse::Handled;
+        }
         ApiResponse::sendError(response, response.status,
                                ApiResponse::serverRefusal(response.status, request.method, request.path, MaxBodyBytes));
         return httplib::Server::HandlerResponse::Handled;
@@ -241,13 +257,7 @@ bool ControlApi::start(QString* error)
     for (const Endpoint& endpoint : endpoints) {
         const QString allowed = methodList(endpoint.methods);
         const auto refuse = [allowed](const Request& request, Response& response) {
-            response.set_header("Allow", allowed.toStdString());
-            ApiResponse::sendError(response, 405,
-                                   ApiResponse::error(QStringLiteral("MethodNotAllowed"),
-                                                      QStringLiteral("Method not allowed"),
-                                                      QStringLiteral("%1 does not take %2; use %3")
-                                                          .arg(QString::fromStdString(request.path),
-                                                               QString::fromStdString(request.method), allowed)));
+            refuseMethod(request, response, allowed);
         };
         const auto serves = [&endpoint](const char* method) {
             for (const char* const* m = endpoint.methods; *m; ++m) {
@@ -275,6 +285,14 @@ bool ControlApi::start(QString* error)
     server.Get("/api/v1/rows", [this](const Request& q, Response& r) { handleRows(q, r); });
     server.Get("/api/v1/tree", [this](const Request& q, Response& r) { handleTree(q, r); });
     server.Get("/api/v1/events", [this](const Request& q, Response& r) { handleEvents(q, r); });
+    // The forwarder's table decides the methods of each endpoint.
+    const std::string devicePattern = "/api/v1/devices/([^/]+)/(host|value|invoke|rows)";
+    const auto device = [this](const Request& q, Response& r) { handleDevice(q, r); };
+    server.Get(devicePattern, device);
+    server.Put(devicePattern, device);
+    server.Post(devicePattern, device);
+    server.Delete(devicePattern, device);
+    server.Patch(devicePattern, device);
 
     const std::string address = m_options.address.toString().toStdString();
     errno = 0;
@@ -583,4 +601,15 @@ void ControlApi::handlePage(const Request& request, Response& response)
     response.set_header("X-Content-Type-Options", "nosniff");
     response.set_header("Cache-Control", "no-cache");
     response.set_content(file.body, file.contentType);
+}
+
+void ControlApi::handleDevice(const Request& request, Response& response)
+{
+    const std::string device = request.matches[1];
+    const std::string endpoint = request.matches[2];
+    if (!DeviceForwarder::route(request.method, endpoint)) {
+        refuseMethod(request, response, DeviceForwarder::allowedMethods(endpoint));
+        return;
+    }
+    m_forwarder.forward(request, response, device, endpoint);
 }

@@ -15,6 +15,7 @@
 #include "ApiRequestGuard.h"
 #include "ApiResponse.h"
 #include "CMReply.h"
+#include "DeviceForwarder.h"
 
 namespace httplib {
 struct Request;
@@ -36,12 +37,17 @@ class EventStream;
 //   GET  /api/v1/rows?path=P               {"path","title","loading","rows"}
 //   GET  /api/v1/tree                      {"nodes":[{"path","kind","title"[,"loading","rows"]}],"values":[P...]}
 //   GET  /api/v1/events                    text/event-stream
+//   GET  /api/v1/devices/ID/host, GET|PUT .../value, POST .../invoke, GET .../rows
+//        the same request on device ID's host, answered as it answers
+//        (DeviceForwarder); nothing else under /api/v1/devices/ exists
 //   GET  /, /web/FILE                      the web page and its files (HostWebPage)
 // Failures answer {"error": {"name","title","message"}}: 400 malformed
 // request, 403 foreign Host header or a foreign web page's Origin, 404
-// unknown path or endpoint, 405 wrong method, 413 body over 64 KiB, 414
-// request line too long, 422 value or action refused, 503 shutting down or
-// too many event streams, 504 no answer within the bound.
+// unknown path, endpoint or device, 405 wrong method, 413 body over 64 KiB,
+// 414 request line too long, 422 value or action refused, 502 another device
+// cannot be reached, 503 shutting down, too many event streams or too many
+// forwards, 504 no answer within the bound (from this host or the other
+// device), 508 a forwarded request asked to be forwarded again.
 class ControlApi : public QObject
 {
     Q_OBJECT
@@ -59,6 +65,9 @@ public:
         // request's Host header may carry (DNS-rebinding guard).
         QStringList allowedHosts;
         QString version;
+        // This device's id: a request to forward to it is refused, and
+        // forwarded requests name it.
+        QString deviceId;
     };
 
     explicit ControlApi(const Options& options, QObject* parent = nullptr);
@@ -104,6 +113,7 @@ private:
     void handleTree(const Request& request, Response& response);
     void handleEvents(const Request& request, Response& response);
     void handlePage(const Request& request, Response& response);
+    void handleDevice(const Request& request, Response& response);
 
     // A request waiting for the event loop; stop() answers it at once.
     struct Pending
@@ -119,6 +129,7 @@ private:
     std::thread m_thread;
     EventStream* m_events;
     ApiRequestGuard m_guard;
+    DeviceForwarder m_forwarder;
     quint16 m_port = 0;
     std::atomic<bool> m_stopping{false};
 };

@@ -71,11 +71,60 @@ QString checkRecordFields(const QVariantHash& record)
     return QString();
 }
 
+const char* const masterKey = "master";
+const char* const savedGroupNameKey = "savedGroupName";
+const char* const apiPortKey = "apiPort";
+
+// Reads an announcement's "house". Every field must be there with its type;
+// keys of later hosts are ignored, as at the top level. The texts end up in
+// lists, logs and terminals like the record's.
+QString readHouse(const QVariant& value, Discovery::House* house)
+{
+    if (value.userType() != QMetaType::QVariantHash)
+        return QStringLiteral("\"house\" is not an object");
+    const QVariantHash hash = value.toHash();
+    for (const char* key : {masterKey, savedGroupNameKey, apiPortKey}) {
+        if (!hash.contains(QLatin1String(key)))
+            return QStringLiteral("\"house\" has no \"%1\"").arg(QLatin1String(key));
+    }
+    const QVariant master = hash.value(QLatin1String(masterKey));
+    if (master.userType() != QMetaType::QString)
+        return QStringLiteral("\"house.master\" is not text");
+    if (!master.toString().isEmpty()) {
+        const QString reason = HostValidators::checkDeviceId(master.toString());
+        if (!reason.isEmpty())
+            return QStringLiteral("\"house.master\" is not a device id (%1)").arg(reason);
+    }
+    const QVariant name = hash.value(QLatin1String(savedGroupNameKey));
+    if (name.userType() != QMetaType::QString)
+        return QStringLiteral("\"house.savedGroupName\" is not text");
+    if (!name.toString().isEmpty()) {
+        const QString reason = HostValidators::checkDeviceName(name.toString());
+        if (!reason.isEmpty())
+            return QStringLiteral("\"house.savedGroupName\" is not a name (%1)").arg(reason);
+    }
+    qint64 port = -1;
+    if (!HostValidators::toInteger(hash.value(QLatin1String(apiPortKey)), &port) || port < 0 || port > 65535)
+        return QStringLiteral("\"house.apiPort\" is not a port number (0-65535)");
+    house->master = master.toString();
+    house->savedGroupName = name.toString();
+    house->apiPort = static_cast<quint16>(port);
+    return QString();
+}
+
+QVariantHash houseToHash(const Discovery::House& house)
+{
+    return {{QLatin1String(masterKey), house.master},
+            {QLatin1String(savedGroupNameKey), house.savedGroupName},
+            {QLatin1String(apiPortKey), int(house.apiPort)}};
+}
+
 } // namespace
 
 Discovery::Discovery(CMListRowsNode* members, const Options& options, QObject* parent)
     : QObject(parent), m_members(members), m_options(options)
 {
+    qRegisterMetaType<Discovery::House>();
     for (const char* key : {malformedKey, oversizedKey, noIdKey, droppedKey})
         m_stats.insert(QLatin1String(key), 0);
     m_periodTimer.setInterval(m_options.periodMs);
@@ -83,8 +132,11 @@ Discovery::Discovery(CMListRowsNode* members, const Options& options, QObject* p
     m_periodTimer.setTimerType(Qt::PreciseTimer);
     m_expiryTimer.setTimerType(Qt::PreciseTimer);
     m_expiryTimer.setSingleShot(true);
+    m_announceTimer.setSingleShot(true);
+    m_announceTimer.setInterval(0);
     tarvConnect(&m_periodTimer, &QTimer::timeout, this, &Discovery::on_periodTimer_timeout);
     tarvConnect(&m_expiryTimer, &QTimer::timeout, this, &Discovery::on_expiryTimer_timeout);
+    tarvConnect(&m_announceTimer, &QTimer::timeout, this, &Discovery::announce);
     tarvConnect(&m_socket, &QUdpSocket::readyRead, this, &Discovery::on_socket_readyRead);
 }
 
@@ -145,6 +197,7 @@ void Discovery::stop()
     m_started = false;
     m_periodTimer.stop();
     m_expiryTimer.stop();
+    m_announceTimer.stop();
     if (m_socket.state() == QAbstractSocket::BoundState)
         m_socket.leaveMulticastGroup(m_options.group);
     m_socket.close();
@@ -164,7 +217,16 @@ void Discovery::setOwnRecord(const TarvSystemMember& record)
         m_members->rowsSetById(row);
     }
     if (m_started)
-        announce();
+        announceSoon();
+}
+
+void Discovery::setOwnHouse(const Discovery::House& house)
+{
+    if (house == m_ownHouse)
+        return;
+    m_ownHouse = house;
+    if (m_started)
+        announceSoon();
 }
 
 QVariantHash Discovery::stats() const
@@ -178,14 +240,25 @@ void Discovery::setAnnouncing(bool announcing)
         return;
     m_announcing = announcing;
     if (m_announcing && m_started)
-        announce();
+        announceSoon();
+}
+
+void Discovery::announceSoon()
+{
+    // One change of a setting often changes the record and the house
+    // information one after the other; they go out together, in one
+    // announcement, once the change is done.
+    m_announceTimer.start();
 }
 
 void Discovery::announce()
 {
+    m_announceTimer.stop();
     if (!m_announcing || m_own.id().isEmpty() || m_socket.state() != QAbstractSocket::BoundState)
         return;
-    const QByteArray data = TarvValue().setSystemMember(m_own).toJson(false);
+    const QByteArray data = TarvHash(QVariantHash{{TarvValue::SystemMember(), m_own.toVariant()},
+                                                  {HouseKey(), houseToHash(m_ownHouse)}})
+                                .toJson(false);
     if (data.size() > MaxAnnouncementBytes) {
         LOG4CPLUS_ERROR(logger(), "Own record is " << data.size() << " bytes, more than " << MaxAnnouncementBytes
                                                    << "; not announced");
@@ -224,8 +297,7 @@ void Discovery::handleDatagram(const QByteArray& data, const QHostAddress& sende
     }
     const QVariantHash root = parsed.toHash();
     const QVariant member = root.value(TarvValue::SystemMember());
-    if (parsed.userType() != QMetaType::QVariantHash || root.size() != 1
-        || member.userType() != QMetaType::QVariantHash) {
+    if (parsed.userType() != QMetaType::QVariantHash || member.userType() != QMetaType::QVariantHash) {
         drop(malformedKey, sender, QStringLiteral("not a {\"systemMember\": {...}} object"));
         return;
     }
@@ -234,6 +306,14 @@ void Discovery::handleDatagram(const QByteArray& data, const QHostAddress& sende
     if (!fieldError.isEmpty()) {
         drop(malformedKey, sender, fieldError);
         return;
+    }
+    House house;
+    if (root.contains(HouseKey())) {
+        const QString houseError = readHouse(root.value(HouseKey()), &house);
+        if (!houseError.isEmpty()) {
+            drop(malformedKey, sender, houseError);
+            return;
+        }
     }
     const TarvSystemMember announced(fields);
     if (announced.id().isEmpty()) {
@@ -253,6 +333,7 @@ void Discovery::handleDatagram(const QByteArray& data, const QHostAddress& sende
         .setTranscoder(announced.transcoder())
         .setPersistentGroupMembers(announced.persistentGroupMembers())
         .setPersistentGroupTimestamp(announced.persistentGroupTimestamp());
+    Q_EMIT memberHeard(record, house, sender);
     upsert(record);
 }
 

@@ -14,8 +14,9 @@
 class CMListRowsNode;
 
 // Finds the devices on the LAN. Every period, and at once whenever the own
-// record changes, it announces the record on a multicast group as the JSON
-// {"systemMember": {...}}; it keeps one row per device id in the members
+// record or house information changes, it announces them on a multicast
+// group as the JSON {"systemMember": {...}, "house": {"master",
+// "savedGroupName", "apiPort"}}; it keeps one row per device id in the members
 // list (itself included): id = device id, title = name, type 0
 // (TarvRolesType::Unknown), value = {"systemMember": record}. A row is
 // updated when its record changes. A device that misses announcements is
@@ -24,7 +25,9 @@ class CMListRowsNode;
 // device while one that is really gone still disappears within a bounded
 // time (goneAfterMs()). The list stops loading after the first full
 // period. Announcements that are oversized, malformed or carry no id are
-// dropped and counted.
+// dropped and counted. Announcements without "house" (older hosts) are
+// taken with an empty House; other unknown top-level keys are ignored so
+// that later hosts may add some; a "house" of the wrong shape is malformed.
 class Discovery : public QObject
 {
     Q_OBJECT
@@ -38,6 +41,24 @@ public:
     // 8.5 periods after its last announcement.
     static constexpr int SuspectAfterMissed = 2;
     static constexpr int GoneAfterMissed = 8;
+
+    // What a device announces besides its record, for the house view.
+    struct House
+    {
+        // The device id it follows (its own on a transcoder); "" unknown.
+        QString master;
+        // Its saved group's name; "" none.
+        QString savedGroupName;
+        // Its control API's port for other devices; 0: not reachable.
+        quint16 apiPort = 0;
+
+        bool operator==(const House& other) const
+        {
+            return master == other.master && savedGroupName == other.savedGroupName && apiPort == other.apiPort;
+        }
+        bool operator!=(const House& other) const { return !(*this == other); }
+    };
+    static QString HouseKey() { return QStringLiteral("house"); }
 
     struct Options
     {
@@ -59,8 +80,13 @@ public:
     void stop();
 
     void setOwnRecord(const TarvSystemMember& record);
+    // Announced at once when it changes (and announcing is on).
+    void setOwnHouse(const Discovery::House& house);
+    House ownHouse() const { return m_ownHouse; }
     // While off, nothing is announced (the device still listens and keeps
     // its own row); turning it on announces at once. On by default.
+    // "At once" is when control returns to the event loop, so that changes
+    // made together go out in one announcement.
     void setAnnouncing(bool announcing);
     bool isAnnouncing() const { return m_announcing; }
     // Dropped announcements: {"malformed", "oversized", "noId", "dropped"}.
@@ -80,9 +106,15 @@ public:
 
 Q_SIGNALS:
     void statsChanged(const QVariantHash& stats);
+    // Another device's well-formed announcement, just before its members
+    // row is written. `source` is the datagram's sender: the only address
+    // this device's control API is ever reached at.
+    void memberHeard(const TarvSystemMember& record, const Discovery::House& house, const QHostAddress& source);
 
 private:
     void announce();
+    // Announces once control returns to the event loop.
+    void announceSoon();
     void drop(const char* counter, const QHostAddress& sender, const QString& reason);
     void upsert(const TarvSystemMember& record);
     void armExpiry();
@@ -95,8 +127,10 @@ private:
     QUdpSocket m_socket;
     QTimer m_periodTimer;
     QTimer m_expiryTimer;
+    QTimer m_announceTimer;
     QElapsedTimer m_clock;
     TarvSystemMember m_own;
+    House m_ownHouse;
     bool m_announcing = true;
     // When each other device was last heard, on m_clock.
     QHash<QString, qint64> m_lastSeen;
@@ -109,3 +143,5 @@ private:
     bool m_firstPeriodDone = false;
     bool m_warnedThisPeriod = false;
 };
+
+Q_DECLARE_METATYPE(Discovery::House)

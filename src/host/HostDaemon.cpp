@@ -10,6 +10,7 @@
 #include "ControlApi.h"
 #include "Discovery.h"
 #include "HostWorker.h"
+#include "HouseList.h"
 #include "TarvConnect.h"
 #include "TarvLog.h"
 #include "TarvPaths.h"
@@ -75,7 +76,10 @@ bool HostDaemon::start(QString* error)
     m_discovery = new Discovery(m_worker->membersNode(), discoveryOptions, this);
     tarvConnect(m_worker, &HostWorker::recordChanged, m_discovery, &Discovery::setOwnRecord);
     tarvConnect(m_discovery, &Discovery::statsChanged, m_worker, &HostWorker::setDiscoveryStats);
+    tarvConnect(m_worker, &HostWorker::ownHouseChanged, m_discovery, &Discovery::setOwnHouse);
+    tarvConnect(m_discovery, &Discovery::memberHeard, m_worker->houseList(), &HouseList::setMemberHouse);
     m_discovery->setOwnRecord(m_worker->record());
+    m_discovery->setOwnHouse(m_worker->ownHouse());
     m_worker->setDiscoveryStats(m_discovery->stats());
     AnnouncementGate::Options gateOptions;
     gateOptions.modulesLoaded = !m_config.modules().isEmpty();
@@ -94,9 +98,13 @@ bool HostDaemon::start(QString* error)
     if (!QHostInfo::localDomainName().isEmpty())
         apiOptions.allowedHosts << QHostInfo::localHostName() + QLatin1Char('.') + QHostInfo::localDomainName();
     apiOptions.version = QStringLiteral(TARV_HOST_VERSION);
+    apiOptions.deviceId = id;
     m_api = new ControlApi(apiOptions, this);
     if (!m_api->start(error))
         return false;
+    // Until now the house information said "not reachable"; this announces
+    // the port at once.
+    m_worker->setApiListening(m_config.apiAddress(), m_api->port());
     return true;
 }
 

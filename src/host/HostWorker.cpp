@@ -1,10 +1,13 @@
 #include "HostWorker.h"
 
+#include "CMRowsClone.h"
 #include "HostConfig.h"
 #include "HostSettingsStore.h"
+#include "HouseList.h"
 #include "HostValidators.h"
 #include "TarvConnect.h"
 #include "TarvLog.h"
+#include "TarvNetwork.h"
 #include "TarvPaths.h"
 #include "TarvPlayLogicData.h"
 #include "TarvValue.h"
@@ -45,6 +48,11 @@ HostWorker::HostWorker(const HostConfig& config, const QString& id, const QVaria
     m_members->setTitle(TrString("SystemMembers"));
     // Filled by discovery; stays loading until its first full period.
     m_members->setLoading(true);
+    m_house = CMListRowsNode::create(nodes(), housePath());
+    m_house->setTitle(TrString("House"));
+    m_houseList = new HouseList(m_house, m_members, m_id, this);
+    m_groupingMembers = new CMRowsClone(this, TarvGroupingMembersPath(), -1);
+    tarvConnect(m_groupingMembers, &CMRowsClone::itemChanged, this, &HostWorker::on_groupingMembers_itemChanged);
 
     // A setting named on the command line wins over the persisted one; a
     // persisted one wins over the config file and the defaults.
@@ -67,6 +75,7 @@ HostWorker::HostWorker(const HostConfig& config, const QString& id, const QVaria
     define(TarvPlayerDataPath(), TarvPlayLogicData().setState(0).toVariant());
     define(discoveryStatsPath(), QVariantHash());
     updateRecord();
+    updateHouse();
 
     for (const CMPath& path : {TarvDeviceStatePath(), TarvDeviceNameSettingsPath(), TarvGroupingPersistentGroupSettingsPath()})
         CMRoot()->connectValueChange(path, this, &HostWorker::on_root_recordSourceChanged);
@@ -86,6 +95,11 @@ HostWorker::~HostWorker()
 CMPath HostWorker::discoveryStatsPath()
 {
     return CMPath("/system/discovery/stats");
+}
+
+CMPath HostWorker::housePath()
+{
+    return CMPath("/system/house");
 }
 
 QList<CMPath> HostWorker::persistedPaths()
@@ -167,6 +181,58 @@ void HostWorker::on_root_recordSourceChanged(const CMPath& path, const QVariant&
     Q_UNUSED(path);
     Q_UNUSED(value);
     updateRecord();
+    updateHouse();
+}
+
+void HostWorker::on_groupingMembers_itemChanged(const TarvRoles& newRow, const TarvRoles& oldRow)
+{
+    if (newRow.id() == m_id || oldRow.id() == m_id)
+        updateHouse();
+}
+
+void HostWorker::setApiListening(const QHostAddress& address, quint16 port)
+{
+    const bool any = address == QHostAddress(QHostAddress::Any) || address == QHostAddress(QHostAddress::AnyIPv4)
+        || address == QHostAddress(QHostAddress::AnyIPv6);
+    // Loopback is this machine only; no other device gets there. An API on
+    // every address is reached where the device is announced to be (hosts
+    // sharing one loopback reach each other at 127.0.0.1).
+    const QString reached = any ? m_ipAddress : tarvQHostAddressToIp(address);
+    const bool reachable = port != 0 && !address.isNull() && !address.isLoopback() && !reached.isEmpty();
+    m_apiAddress = reachable ? reached : QString();
+    m_apiPort = reachable ? port : 0;
+    LOG4CPLUS_INFO(logger(), "Control API " << (reachable ? QStringLiteral("reachable from other devices at ")
+                                                                + m_apiAddress + QLatin1Char(':') + QString::number(port)
+                                                          : QStringLiteral("not reachable from other devices")));
+    updateHouse();
+}
+
+void HostWorker::updateHouse()
+{
+    Discovery::House house;
+    const TarvRoles own = m_groupingMembers->rowById(m_id);
+    house.master = own.value().groupingMember().master().id();
+    // Others drop an announcement with a name they could not show; such a
+    // name (the setting takes any text) is not announced at all.
+    const QString groupName =
+        TarvValue(CMRoot()->getValue(TarvGroupingPersistentGroupSettingsPath()).toHash()).groupingPersistentGroup().name();
+    const QString unfit = groupName.isEmpty() ? QString() : HostValidators::checkDeviceName(groupName);
+    if (unfit.isEmpty()) {
+        house.savedGroupName = groupName;
+        m_unfitGroupName.clear();
+    } else if (groupName != m_unfitGroupName) {
+        m_unfitGroupName = groupName;
+        LOG4CPLUS_WARN(logger(), "The saved group's name " << HostValidators::describe(groupName)
+                                                           << " is not announced: " << unfit);
+    }
+    house.apiPort = m_apiPort;
+    m_houseList->setOwn(m_record, house, m_apiAddress);
+    if (house == m_ownHouse)
+        return;
+    m_ownHouse = house;
+    LOG4CPLUS_DEBUG(logger(), "Own house: master \"" << house.master << "\" saved group \"" << house.savedGroupName
+                                                     << "\" API port " << house.apiPort);
+    Q_EMIT ownHouseChanged(m_ownHouse);
 }
 
 void HostWorker::on_root_settingChanged(const CMPath& path, const QVariant& value)

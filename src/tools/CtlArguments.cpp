@@ -15,6 +15,7 @@ const QList<OptionInfo>& optionInfos()
 {
     static const QList<OptionInfo> infos{
         {QStringLiteral("api"), true, {}},
+        {QStringLiteral("device"), true, {}},
         {QStringLiteral("json"), false, {}},
         {QStringLiteral("verbose"), false, {}},
         {QStringLiteral("help"), false, {}},
@@ -76,6 +77,21 @@ QString CtlArguments::usage()
         "                                /system/members) and wait until it is saved; no DEVICE clears\n"
         "                                the saved group\n"
         "  group                         the saved group (members, time) and whom this device follows\n"
+        "  house                         every device of the LAN by group, from the host's /system/house:\n"
+        "                                  House: N devices, M groups; tarvctl talks to NAME [ID]\n"
+        "                                  Group of NAME [ID]        one per transcoder, by name\n"
+        "                                    NAME [ID]  transcoder\n"
+        "                                    NAME [ID]  follower     its followers, by name\n"
+        "                                  On their own              devices in no group, by name:\n"
+        "                                    NAME [ID]  follows nobody | master unknown |\n"
+        "                                               follows NAME [ID] | follows ID, not in the house\n"
+        "                                  Saved groups              devices with a saved group, by name:\n"
+        "                                    NAME [ID]: \"GROUP\": MEMBER, ... (saved YYYY-MM-DD HH:MM:SS)\n"
+        "                                a device line ends in \"(this device)\" for the host tarvctl talks\n"
+        "                                to and \"(not reachable)\" for one other devices cannot reach;\n"
+        "                                an empty section reads \"On their own: none\", \"Saved groups: none\";\n"
+        "                                --json: {\"self\", \"groups\": [{\"transcoder\", \"followers\"}],\n"
+        "                                \"alone\", \"devices\": [the rows' houseMember records]}\n"
         "  rows PATH                     the rows of the list at PATH\n"
         "  tree                          every node with its kind, title and rows, and the value paths\n"
         "  watch [PREFIX]                print value and rows events (of paths under PREFIX), one per line,\n"
@@ -89,6 +105,11 @@ QString CtlArguments::usage()
         "\n"
         "Options:\n"
         "  --api URL          the host's control API (default: $TARV_API, else http://127.0.0.1:8080)\n"
+        "  --device NAME|ID   aim the command at another device of the LAN through the host (default:\n"
+        "                     $TARV_DEVICE): its id, else its name (case ignored) from /system/house;\n"
+        "                     the host's own id or name talks to the host itself. join, leave, save,\n"
+        "                     ui join, ui leave then wait by reading the device every 100 ms instead of\n"
+        "                     following events; watch, ui --watch and tree cannot be aimed (exit 2)\n"
         "  --json             print the API's JSON instead of readable text (watch: one object per line)\n"
         "  --timeout-ms N     invoke, join, leave, save, ui join, ui leave: the host's bound for the reply\n"
         "                     (default 5000); watch, ui --watch: stop after N ms; other commands: how\n"
@@ -107,8 +128,10 @@ QString CtlArguments::usage()
         "  1  the host refused the request (its error is printed) or answered with something unusable;\n"
         "     join, leave, save, ui join, ui leave: the device did not change within --timeout-ms\n"
         "  2  usage error: unknown command or option, missing argument, bad JSON value\n"
-        "  3  cannot connect to the host (or the connection broke)\n"
-        "  4  timeout: no answer, no reply within the bound, or fewer events than --count\n"
+        "  3  cannot connect to the host (or the connection broke); with --device also: the host cannot\n"
+        "     reach that device\n"
+        "  4  timeout: no answer, no reply within the bound, or fewer events than --count; with --device\n"
+        "     also: that device did not answer the host in time\n"
         "\n"
         "Examples:\n"
         "  tarvctl host\n"
@@ -120,6 +143,8 @@ QString CtlArguments::usage()
         "  tarvctl ui join kitchen\n"
         "  tarvctl invoke /grouping/request '{\"groupingRequest\": {\"command\": -1}}'\n"
         "  tarvctl save Home kitchen 3f2c...\n"
+        "  tarvctl house\n"
+        "  tarvctl --device kitchen leave\n"
         "  tarvctl --api http://10.0.0.7:8080 watch /grouping --count 1 --timeout-ms 3000\n");
 }
 
@@ -129,7 +154,8 @@ bool CtlArguments::fail(const QString& error)
     return false;
 }
 
-bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnvironment)
+bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnvironment,
+                         const QString& deviceFromEnvironment)
 {
     QStringList positional;
     bool optionsEnded = false;
@@ -185,6 +211,14 @@ bool CtlArguments::parse(const QStringList& arguments, const QString& apiFromEnv
         m_apiSource = QStringLiteral("default");
     }
 
+    if (m_options.contains(QStringLiteral("device"))) {
+        m_device = m_options.value(QStringLiteral("device"));
+        m_deviceSource = QStringLiteral("--device");
+    } else if (!deviceFromEnvironment.isEmpty()) {
+        m_device = deviceFromEnvironment;
+        m_deviceSource = QStringLiteral("TARV_DEVICE");
+    }
+
     if (!positional.isEmpty()) {
         m_command = positional.takeFirst();
         m_arguments = positional;
@@ -220,6 +254,26 @@ bool CtlArguments::checkUi()
     return true;
 }
 
+bool CtlArguments::checkDevice()
+{
+    if (m_deviceSource == QLatin1String("--device") && m_device.trimmed().isEmpty())
+        return fail(QStringLiteral("--device needs a device's name or id"));
+    if (m_device.isEmpty())
+        return true;
+    // Events and the tree stay with the host that has them: a host
+    // forwards only single reads, writes and invokes.
+    const bool watches = m_command == QLatin1String("watch")
+        || (m_command == QLatin1String("ui") && m_options.contains(QStringLiteral("watch")));
+    const QString command = m_command == QLatin1String("ui") ? QStringLiteral("ui --watch") : m_command;
+    if (watches || m_command == QLatin1String("tree")) {
+        return fail(QStringLiteral("%1 cannot be aimed at another device (%2 %3): a host does not forward %4; "
+                                   "give that device's own API with --api")
+                        .arg(command, m_deviceSource, m_device,
+                             watches ? QStringLiteral("events") : QStringLiteral("the tree")));
+    }
+    return true;
+}
+
 bool CtlArguments::checkCommand()
 {
     struct CommandInfo
@@ -240,6 +294,7 @@ bool CtlArguments::checkCommand()
         // A saved group has at most 64 members.
         {QStringLiteral("save"), 1, 65, QStringLiteral("save NAME [DEVICE...] [--no-wait]")},
         {QStringLiteral("group"), 0, 0, QStringLiteral("group")},
+        {QStringLiteral("house"), 0, 0, QStringLiteral("house")},
         {QStringLiteral("rows"), 1, 1, QStringLiteral("rows PATH")},
         {QStringLiteral("tree"), 0, 0, QStringLiteral("tree")},
         {QStringLiteral("watch"), 0, 1, QStringLiteral("watch [PREFIX]")},
@@ -301,6 +356,8 @@ bool CtlArguments::checkCommand()
     if (m_command == QLatin1String("join") && m_arguments.first().isEmpty())
         return fail(QStringLiteral("join: the transcoder's NAME or ID is empty"));
     if (m_command == QLatin1String("ui") && !checkUi())
+        return false;
+    if (!checkDevice())
         return false;
 
     const bool takesPath = m_command == QLatin1String("get") || m_command == QLatin1String("set")

@@ -12,9 +12,10 @@ class CtlArguments
 {
 public:
     // Parses the arguments after the program name. `apiFromEnvironment` is
-    // TARV_API's value (empty when unset). On failure error() says what is
-    // wrong in one sentence.
-    bool parse(const QStringList& arguments, const QString& apiFromEnvironment = QString());
+    // TARV_API's value, `deviceFromEnvironment` TARV_DEVICE's (empty when
+    // unset). On failure error() says what is wrong in one sentence.
+    bool parse(const QStringList& arguments, const QString& apiFromEnvironment = QString(),
+               const QString& deviceFromEnvironment = QString());
     const QString& error() const { return m_error; }
 
     bool help() const { return m_help; }
@@ -25,6 +26,12 @@ public:
     const QString& api() const { return m_api; }
     // Where the API URL came from, for messages: "--api", "TARV_API" or "default".
     const QString& apiSource() const { return m_apiSource; }
+
+    // The device the command is aimed at through the host (--device, then
+    // TARV_DEVICE); empty: the host itself.
+    const QString& device() const { return m_device; }
+    // Where it came from, for messages: "--device" or "TARV_DEVICE".
+    const QString& deviceSource() const { return m_deviceSource; }
 
     const QString& command() const { return m_command; }
     // The command's positional arguments, without the command itself.
@@ -44,6 +51,8 @@ private:
     bool checkCommand();
     // `ui` alone (optionally --watch), `ui join NAME|ID` or `ui leave`.
     bool checkUi();
+    // Only what the host forwards can be aimed at another device.
+    bool checkDevice();
 
     QString m_error;
     bool m_help = false;
@@ -52,6 +61,8 @@ private:
     bool m_verbose = false;
     QString m_api;
     QString m_apiSource;
+    QString m_device;
+    QString m_deviceSource;
     QString m_command;
     QStringList m_arguments;
     QHash<QString, QString> m_options;

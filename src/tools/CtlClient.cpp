@@ -98,18 +98,18 @@ QString CtlClient::api() const
 
 CtlReply CtlClient::host()
 {
-    return call("GET", QStringLiteral("/api/v1/host"), {}, QByteArray(), m_timeoutMs, {});
+    return call("GET", endpoint("host"), {}, QByteArray(), m_timeoutMs, {});
 }
 
 CtlReply CtlClient::value(const QString& path)
 {
-    return call("GET", QStringLiteral("/api/v1/value"), {{QStringLiteral("path"), path}}, QByteArray(), m_timeoutMs,
+    return call("GET", endpoint("value"), {{QStringLiteral("path"), path}}, QByteArray(), m_timeoutMs,
                 {QStringLiteral("value")});
 }
 
 CtlReply CtlClient::setValue(const QString& path, const QJsonValue& value)
 {
-    return call("PUT", QStringLiteral("/api/v1/value"), {{QStringLiteral("path"), path}}, TarvJson::toBytes(value),
+    return call("PUT", endpoint("value"), {{QStringLiteral("path"), path}}, TarvJson::toBytes(value),
                 m_timeoutMs, {QStringLiteral("value")});
 }
 
@@ -120,13 +120,13 @@ CtlReply CtlClient::invoke(const QString& path, const QJsonValue& value, int tim
         query.append({QStringLiteral("timeout_ms"), QString::number(timeoutMs)});
     // Waiting longer than the host's bound lets the host's 504 arrive.
     const int bound = timeoutMs >= 0 ? timeoutMs : defaultInvokeTimeoutMs();
-    return call("POST", QStringLiteral("/api/v1/invoke"), query, TarvJson::toBytes(value), bound + 2000,
+    return call("POST", endpoint("invoke"), query, TarvJson::toBytes(value), bound + 2000,
                 {QStringLiteral("result")});
 }
 
 CtlReply CtlClient::rows(const QString& path)
 {
-    CtlReply reply = call("GET", QStringLiteral("/api/v1/rows"), {{QStringLiteral("path"), path}}, QByteArray(),
+    CtlReply reply = call("GET", endpoint("rows"), {{QStringLiteral("path"), path}}, QByteArray(),
                           m_timeoutMs, {QStringLiteral("rows")});
     if (reply.isOk() && !reply.body().value(QStringLiteral("rows")).isArray())
         return CtlReply::badResponse(reply.httpStatus(), QStringLiteral("\"rows\" is not a list"), reply.rawBody());
@@ -135,7 +135,26 @@ CtlReply CtlClient::rows(const QString& path)
 
 CtlReply CtlClient::tree()
 {
+    if (!m_device.isEmpty())
+        return notForwarded(QStringLiteral("the tree"));
     return call("GET", QStringLiteral("/api/v1/tree"), {}, QByteArray(), m_timeoutMs, {});
+}
+
+QString CtlClient::endpoint(const char* name) const
+{
+    if (m_device.isEmpty())
+        return QStringLiteral("/api/v1/") + QLatin1String(name);
+    return QStringLiteral("/api/v1/devices/%1/%2")
+        .arg(QString::fromLatin1(QUrl::toPercentEncoding(m_device)), QLatin1String(name));
+}
+
+CtlReply CtlClient::notForwarded(const QString& what) const
+{
+    return CtlReply::apiError(0, QStringLiteral("NotForwarded"), QString(),
+                              QStringLiteral("%1 of device '%2' cannot be read through another host; "
+                                             "talk to that device directly (--api)")
+                                  .arg(what, m_device),
+                              QByteArray());
 }
 
 QString CtlClient::target(const QString& endpoint, const Query& query) const
@@ -277,6 +296,11 @@ CtlReply CtlClient::errorFromAnswer(int status, const QByteArray& body) const
         title = QStringLiteral("HTTP %1").arg(status);
         message = body.isEmpty() ? QStringLiteral("no explanation given") : snippet(body);
     }
+    // The forwarding host's own answer when the device it forwards to
+    // cannot be reached: as far as the user is concerned, tarvctl cannot
+    // reach that device.
+    if (status == 502 && name == QLatin1String("DeviceUnreachable"))
+        return CtlReply::cannotConnect(message, body);
     if (status == 504) {
         QString detail = QStringLiteral("the host answered 504: no reply came within the bound");
         if (!message.isEmpty() && error.isObject())
@@ -291,6 +315,8 @@ CtlReply CtlClient::errorFromAnswer(int status, const QByteArray& body) const
 CtlReply CtlClient::watch(const std::function<bool(const CtlEvent&)>& onEvent, int durationMs,
                           const std::function<bool()>& onOpen)
 {
+    if (!m_device.isEmpty())
+        return notForwarded(QStringLiteral("the events"));
     const QString where = api() + QStringLiteral("/api/v1/events");
     LOG4CPLUS_DEBUG(logger(), "Request GET " << where);
 

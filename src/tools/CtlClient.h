@@ -39,6 +39,12 @@ public:
     void setMaxAnswerBytes(qint64 bytes) { m_maxAnswerBytes = bytes; }
     qint64 maxAnswerBytes() const { return m_maxAnswerBytes; }
 
+    // Aims the calls at another device of the LAN through this host's
+    // forwarding (/api/v1/devices/ID/...); an empty id talks to the host
+    // itself. tree() and watch() are not forwarded and refuse then.
+    void setDevice(const QString& id) { m_device = id; }
+    const QString& device() const { return m_device; }
+
     CtlReply host();
     CtlReply value(const QString& path);
     CtlReply setValue(const QString& path, const QJsonValue& value);
@@ -74,10 +80,15 @@ private:
     CtlReply call(const char* method, const QString& endpoint, const Query& query, const QByteArray& body,
                   int waitMs, const QStringList& requiredKeys);
     QString target(const QString& endpoint, const Query& query) const;
+    // "/api/v1/NAME", or its forwarded form when a device is set.
+    QString endpoint(const char* name) const;
+    // The refusal of an endpoint the host does not forward.
+    CtlReply notForwarded(const QString& what) const;
     CtlReply errorFromAnswer(int status, const QByteArray& body) const;
 
     QString m_host = QStringLiteral("127.0.0.1");
     int m_port = 8080;
     int m_timeoutMs = 10000;
     qint64 m_maxAnswerBytes = defaultMaxAnswerBytes();
+    QString m_device;
 };

@@ -344,12 +344,17 @@ QString CtlFormatter::status(const QJsonObject& status)
     if (master.isObject())
         masterLine = text(master.toObject().value(QStringLiteral("id"))) == ownId ? QStringLiteral("itself")
                                                                                    : named(master);
+    const QJsonArray savedGroup = status.value(QStringLiteral("savedGroup")).toArray();
+    const QString savedGroupName = text(status.value(QStringLiteral("savedGroupName")));
+    QString savedGroupLine = namedList(savedGroup);
+    if (!savedGroup.isEmpty() && !savedGroupName.isEmpty())
+        savedGroupLine = QStringLiteral("\"%1\": %2").arg(savedGroupName, savedGroupLine);
     QStringList lines{
         QStringLiteral("This device: ") + named(status),
         QStringLiteral("  role:         ") + (role.isEmpty() ? QStringLiteral("not listed yet") : role),
         QStringLiteral("  master:       ") + masterLine,
         QStringLiteral("  followers:    ") + namedList(status.value(QStringLiteral("followers"))),
-        QStringLiteral("  saved group:  ") + namedList(status.value(QStringLiteral("savedGroup"))),
+        QStringLiteral("  saved group:  ") + savedGroupLine,
     };
     const QJsonArray devices = status.value(QStringLiteral("devices")).toArray();
     lines.append(QStringLiteral("Devices on the LAN: %1").arg(devices.size()));

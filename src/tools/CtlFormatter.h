@@ -43,7 +43,8 @@ public:
     //  "role", "savedGroup"}]}, every device named as {"id", "name"}. A role
     // is "transcoder", "receiver", or "" when the device is not listed.
     static QJsonObject statusOf(const QJsonObject& host, const QJsonObject& members, const QJsonObject& grouping);
-    // `status`: the same, readable on one screen.
+    // `status`: the same, readable on one screen; with "savedGroupName"
+    // (the name of this device's saved group) the saved group is named.
     static QString status(const QJsonObject& status);
     // `tree`: every node with kind, title and rows, then the value paths.
     static QString tree(const QJsonObject& answer);

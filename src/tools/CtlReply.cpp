@@ -33,11 +33,12 @@ CtlReply CtlReply::badResponse(int httpStatus, const QString& detail, const QByt
     return reply;
 }
 
-CtlReply CtlReply::cannotConnect(const QString& detail)
+CtlReply CtlReply::cannotConnect(const QString& detail, const QByteArray& rawBody)
 {
     CtlReply reply;
     reply.m_kind = CannotConnect;
     reply.m_detail = detail;
+    reply.m_rawBody = rawBody;
     return reply;
 }
 

@@ -25,7 +25,7 @@ public:
     static CtlReply apiError(int httpStatus, const QString& name, const QString& title, const QString& message,
                              const QByteArray& rawBody);
     static CtlReply badResponse(int httpStatus, const QString& detail, const QByteArray& rawBody);
-    static CtlReply cannotConnect(const QString& detail);
+    static CtlReply cannotConnect(const QString& detail, const QByteArray& rawBody = QByteArray());
     static CtlReply timeout(const QString& detail, int httpStatus = 0, const QByteArray& rawBody = QByteArray());
 
     Kind kind() const { return m_kind; }

@@ -25,7 +25,7 @@ int main(int argc, char* argv[])
         CtlCommand command(out, err);
         QStringList arguments = app.arguments();
         arguments.removeFirst();
-        if (!command.parse(arguments, qEnvironmentVariable("TARV_API")))
+        if (!command.parse(arguments, qEnvironmentVariable("TARV_API"), qEnvironmentVariable("TARV_DEVICE")))
             return CtlExitCode::Usage;
         if (command.arguments().verbose())
             log4cplus::Logger::getRoot().setLogLevel(log4cplus::DEBUG_LOG_LEVEL);

@@ -1,6 +1,7 @@
 // Discovery's check of an announcement heard on the group: JSON parse, the
-// {"systemMember": {...}} shape, the checks of id, name and saved group,
-// and the row written into the members list for a valid one.
+// {"systemMember": {...}, "house": {...}} envelope, the checks of id, name,
+// saved group and house, and the row written into the members list for a
+// valid one.
 //
 // Input: up to 8 announcements separated by "\xff\xfe"; the first byte of
 // the input chooses the sender's address.

@@ -56,9 +56,10 @@ QStringList HostProcess::arguments(const QStringList& extraArguments)
         m_requestPort = m_fixedRequestPort ? m_fixedRequestPort : freeUdpPort();
         m_startDiscoveryPort = m_discoveryPort ? m_discoveryPort : freeUdpPort();
     }
-    // Everything on loopback: nothing a test does may reach the LAN.
+    // Everything on loopback: nothing a test does may reach the LAN (an API
+    // set to listen on every address is the test's own choice).
     QStringList arguments{QStringLiteral("--data-dir"), m_dataDirectory,
-                          QStringLiteral("--api"), QStringLiteral("127.0.0.1:0"),
+                          QStringLiteral("--api"), m_apiListen,
                           QStringLiteral("--address"), QStringLiteral("127.0.0.1"),
                           QStringLiteral("--host-name"), m_hostName,
                           QStringLiteral("--request-port"), QString::number(m_requestPort),

@@ -34,6 +34,10 @@ public:
     // on one loopback they would reach their own listeners.
     void setHostName(const QString& hostName) { m_hostName = hostName; }
 
+    // Where the control API listens, ADDRESS:PORT (default 127.0.0.1:0:
+    // loopback, a free port).
+    void setApiListen(const QString& listen) { m_apiListen = listen; }
+
     // The whole command line start() runs, for running the binary in other
     // ways; the ports are those of the last start(), or new ones before it.
     QStringList arguments(const QStringList& extraArguments = QStringList());
@@ -69,4 +73,5 @@ private:
     int m_fixedRequestPort = 0;
     int m_startDiscoveryPort = 0;
     QString m_hostName = QStringLiteral("127.0.0.1");
+    QString m_apiListen = QStringLiteral("127.0.0.1:0");
 };

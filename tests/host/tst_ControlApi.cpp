@@ -405,6 +405,17 @@ private Q_SLOTS:
         QCOMPARE(members.status, 200);
         QCOMPARE(members.json().value("loading").toBool(), true);
         QCOMPARE(members.json().value("title").toString(), QStringLiteral("SystemMembers"));
+        // The house list, through the same endpoint: loading like the
+        // members list, the own row from the start.
+        const Answer house = call("GET", query("/api/v1/rows", "/system/house"));
+        QCOMPARE(house.status, 200);
+        QCOMPARE(house.json().value("loading").toBool(), true);
+        QCOMPARE(house.json().value("title").toString(), QStringLiteral("House"));
+        const QJsonArray rows = house.json().value("rows").toArray();
+        QCOMPARE(rows.size(), 1);
+        QCOMPARE(rows.at(0).toObject().value("id").toString(), QStringLiteral("dev-1"));
+        QCOMPARE(rows.at(0).toObject().value("value").toObject().value("houseMember").toObject().value("api"),
+                 QJsonValue(QJsonValue::Null));
     }
 
     void badRowRequestsAreExplained_data()
@@ -435,9 +446,10 @@ private Q_SLOTS:
         QStringList paths;
         for (const QJsonValue& node : nodes)
             paths << node.toObject().value("path").toString();
-        QCOMPARE(paths, QStringList({"/system/members", "/test/echo", "/test/hold", "/test/list", "/test/refuse", "/test/unbound"}));
-        QCOMPARE(nodes.at(1).toObject(), parse(R"({"path": "/test/echo", "kind": "action", "title": ""})").toObject());
-        QCOMPARE(nodes.at(3).toObject(),
+        QCOMPARE(paths, QStringList({"/system/house", "/system/members", "/test/echo", "/test/hold", "/test/list",
+                                     "/test/refuse", "/test/unbound"}));
+        QCOMPARE(nodes.at(2).toObject(), parse(R"({"path": "/test/echo", "kind": "action", "title": ""})").toObject());
+        QCOMPARE(nodes.at(4).toObject(),
                  parse(R"({"path": "/test/list", "kind": "list", "title": "Test list", "loading": false,
                            "rows": [{"id": "r1", "title": "Row one", "type": 6}]})")
                      .toObject());

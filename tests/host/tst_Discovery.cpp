@@ -12,6 +12,7 @@
 #include "CMListRowsNode.h"
 #include "CMNodes.h"
 #include "Discovery.h"
+#include "HouseList.h"
 #include "LogCapture.h"
 #include "TarvConnect.h"
 #include "TarvRoles.h"
@@ -19,15 +20,19 @@
 
 namespace {
 
-// One host's discovery with a members list of its own.
+// One host's discovery with a members list and a house list of its own,
+// wired as the host wires them.
 struct Peer
 {
     Peer(const QString& id, const Discovery::Options& options)
         : nodes(new CMNodes),
           members(CMListRowsNode::create(nodes.get(), CMPath("/system/members"))),
+          house(CMListRowsNode::create(nodes.get(), CMPath("/system/house"))),
           discovery(new Discovery(members, options))
     {
         members->setLoading(true);
+        houseList = std::make_unique<HouseList>(house, members, id);
+        tarvConnect(discovery.get(), &Discovery::memberHeard, houseList.get(), &HouseList::setMemberHouse);
         record.setId(id)
             .setName(QStringLiteral("Name of ") + id)
             .setHost(QStringLiteral("host-") + id)
@@ -36,6 +41,7 @@ struct Peer
             .setPersistentGroupMembers({})
             .setPersistentGroupTimestamp(0);
         discovery->setOwnRecord(record);
+        houseList->setOwn(record, Discovery::House(), QString());
     }
 
     bool start()
@@ -52,11 +58,38 @@ struct Peer
         return members->rowsGetById(id).value().systemMember();
     }
 
+    QVariantHash houseOf(const QString& id) const
+    {
+        return house->rowsGetById(id).value().value(HouseList::HouseMember()).toHash();
+    }
+
+    void setOwnHouse(const Discovery::House& own)
+    {
+        discovery->setOwnHouse(own);
+        houseList->setOwn(record, own, QString());
+    }
+
     std::unique_ptr<CMNodes> nodes;
     CMListRowsNode* members;
+    CMListRowsNode* house;
     std::unique_ptr<Discovery> discovery;
+    std::unique_ptr<HouseList> houseList;
     TarvSystemMember record;
 };
+
+Discovery::House makeHouse(const QString& master, const QString& savedGroupName, quint16 apiPort)
+{
+    Discovery::House result;
+    result.master = master;
+    result.savedGroupName = savedGroupName;
+    result.apiPort = apiPort;
+    return result;
+}
+
+QVariant json(const QByteArray& text)
+{
+    return QJsonDocument::fromJson(text).toVariant();
+}
 
 quint16 freeUdpPort()
 {
@@ -86,6 +119,28 @@ private:
     void sendRaw(const QByteArray& data)
     {
         QCOMPARE(m_sender->writeDatagram(data, m_options.group, m_options.port), qint64(data.size()));
+    }
+
+    // Hears the group as the peers do.
+    void listenOnTheGroup(QUdpSocket& listener)
+    {
+        QVERIFY(listener.bind(m_options.group, m_options.port,
+                              QAbstractSocket::ShareAddress | QAbstractSocket::ReuseAddressHint));
+        for (const QNetworkInterface& iface : QNetworkInterface::allInterfaces()) {
+            if (iface.flags() & QNetworkInterface::IsLoopBack)
+                QVERIFY(listener.joinMulticastGroup(m_options.group, iface));
+        }
+    }
+
+    static QList<QVariantHash> readAll(QUdpSocket& listener)
+    {
+        QList<QVariantHash> result;
+        while (listener.hasPendingDatagrams()) {
+            QByteArray datagram(static_cast<int>(listener.pendingDatagramSize()), '\0');
+            listener.readDatagram(datagram.data(), datagram.size());
+            result << QJsonDocument::fromJson(datagram).object().toVariantHash();
+        }
+        return result;
     }
 
     static qint64 stat(const Peer& peer, const char* key)
@@ -124,10 +179,15 @@ private Q_SLOTS:
         Peer a(QStringLiteral("a"), options(100));
         Peer b(QStringLiteral("b"), options(100));
         QSignalSpy aRows(a.members, &CMListRowsNode::rowChanged);
+        QSignalSpy aHouseRows(a.house, &CMListRowsNode::rowChanged);
+        b.setOwnHouse(makeHouse(QStringLiteral("b"), QStringLiteral("Party"), 8080));
         QVERIFY(a.start());
         QVERIFY(b.start());
         QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
         QTRY_COMPARE_WITH_TIMEOUT(b.members->rowsSize(), 2, 2000);
+        QCOMPARE(a.house->rowsSize(), 2);
+        QCOMPARE(b.house->rowsSize(), 2);
+        QCOMPARE(a.houseOf(QStringLiteral("b")).value(QStringLiteral("master")).toString(), QStringLiteral("b"));
         QCOMPARE(a.memberOf(QStringLiteral("b")), b.record);
         QCOMPARE(b.memberOf(QStringLiteral("a")), a.record);
         QCOMPARE(a.members->rowsGetById(QStringLiteral("b")).title().toString(), QStringLiteral("Name of b"));
@@ -136,6 +196,7 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(a.discovery->receivedCount() >= heard + 6, 3000);
         QCOMPARE(a.members->rowsSize(), 2);
         QCOMPARE(aRows.count(), 1);
+        QCOMPARE(aHouseRows.count(), 1);
     }
 
     // Held back, a device is heard by nobody (and still lists itself and
@@ -309,10 +370,12 @@ private Q_SLOTS:
         clock.start();
         QVERIFY(a.start());
         QVERIFY(a.members->isLoading());
+        QVERIFY(a.house->isLoading());
         QTRY_COMPARE_WITH_TIMEOUT(loading.count(), 1, 2000);
         QVERIFY2(clock.elapsed() >= period - 1, qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(loading.first().first().toBool(), false);
         QVERIFY(!a.members->isLoading());
+        QVERIFY(!a.house->isLoading());
     }
 
     void anAnnouncementWithoutAddressGetsTheSendersAddress()
@@ -365,6 +428,39 @@ private Q_SLOTS:
             << QByteArray("{\"systemMember\": {\"id\": \"x\", \"persistentGroupMembers\": [\"m\""
                           + QByteArray(",\"m\"").repeated(64) + "]}}")
             << "malformed" << R"("persistentGroupMembers" has more than 64 ids)";
+        const auto withHouse = [](const QByteArray& house) {
+            return QByteArray(R"({"systemMember": {"id": "x"}, "house": )") + house + '}';
+        };
+        QTest::newRow("house not an object") << withHouse("[]") << "malformed" << R"("house" is not an object)";
+        QTest::newRow("house null") << withHouse("null") << "malformed" << R"("house" is not an object)";
+        QTest::newRow("house without master") << withHouse(R"({"savedGroupName": "", "apiPort": 0})") << "malformed"
+                                              << R"("house" has no "master")";
+        QTest::newRow("house without name") << withHouse(R"({"master": "", "apiPort": 0})") << "malformed"
+                                            << R"("house" has no "savedGroupName")";
+        QTest::newRow("house without port") << withHouse(R"({"master": "", "savedGroupName": ""})") << "malformed"
+                                            << R"("house" has no "apiPort")";
+        QTest::newRow("master a number") << withHouse(R"({"master": 3, "savedGroupName": "", "apiPort": 0})")
+                                         << "malformed" << R"("house.master" is not text)";
+        QTest::newRow("master not an id")
+            << withHouse(R"({"master": "../etc", "savedGroupName": "", "apiPort": 0})") << "malformed"
+            << R"("house.master" is not a device id (a device id consists of letters, digits and . _ : - and starts with a letter or digit))";
+        QTest::newRow("group name a list") << withHouse(R"({"master": "", "savedGroupName": [], "apiPort": 0})")
+                                           << "malformed" << R"("house.savedGroupName" is not text)";
+        QTest::newRow("group name too long")
+            << withHouse(R"({"master": "", "savedGroupName": ")" + QByteArray(65, 'g') + R"(", "apiPort": 0})")
+            << "malformed"
+            << R"("house.savedGroupName" is not a name (a device name has at most 64 characters, this one has 65))";
+        QTest::newRow("group name with terminal escapes")
+            << withHouse("{\"master\": \"\", \"savedGroupName\": \"a\\u001b[2J\", \"apiPort\": 0}") << "malformed"
+            << R"("house.savedGroupName" is not a name (a device name must not contain control characters))";
+        QTest::newRow("group name blank") << withHouse(R"({"master": "", "savedGroupName": "  ", "apiPort": 0})")
+                                          << "malformed"
+                                          << R"("house.savedGroupName" is not a name (a device name must not be empty))";
+        for (const char* port : {"-1", "65536", "80.5", "\"80\"", "true", "null"}) {
+            QTest::newRow(qPrintable(QStringLiteral("port %1").arg(QLatin1String(port))))
+                << withHouse(R"({"master": "", "savedGroupName": "", "apiPort": )" + QByteArray(port) + '}')
+                << "malformed" << R"("house.apiPort" is not a port number (0-65535))";
+        }
         QTest::newRow("no id") << QByteArray(R"({"systemMember": {"name": "anonymous"}})") << "noId"
                                << "no device id";
         QTest::newRow("empty id") << QByteArray(R"({"systemMember": {"id": ""}})") << "noId" << "no device id";
@@ -397,6 +493,159 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
         QCOMPARE(rows.count(), 1);
         QCOMPARE(a.members->getRowRoles(1).id(), QStringLiteral("good"));
+    }
+
+    // The record unchanged, the house information beside it, nothing else.
+    void anAnnouncementIsTheRecordAndTheHouse()
+    {
+        QUdpSocket listener;
+        listenOnTheGroup(listener);
+        Peer a(QStringLiteral("a"), options(5000));
+        a.record.setPersistentGroupMembers({QStringLiteral("a"), QStringLiteral("b")}).setPersistentGroupTimestamp(
+            1700000000123);
+        a.discovery->setOwnRecord(a.record);
+        a.setOwnHouse(makeHouse(QStringLiteral("a"), QStringLiteral("Party"), 8080));
+        QVERIFY(a.start());
+        QList<QVariantHash> heard;
+        QTRY_VERIFY_WITH_TIMEOUT(!(heard += readAll(listener)).isEmpty(), 2000);
+        QVariantHash expected{{QStringLiteral("systemMember"), a.record.toVariant()},
+                              {QStringLiteral("house"), json(R"({"master": "a", "savedGroupName": "Party", "apiPort": 8080})")}};
+        QCOMPARE(QVariant(heard.first()), QVariant(expected));
+    }
+
+    // A setting that changes both goes out once, with both.
+    void aRecordAndHouseChangedTogetherGoOutInOneAnnouncement()
+    {
+        QUdpSocket listener;
+        listenOnTheGroup(listener);
+        Peer a(QStringLiteral("a"), options(5000));
+        QVERIFY(a.start());
+        QList<QVariantHash> heard;
+        QTRY_VERIFY_WITH_TIMEOUT(!(heard += readAll(listener)).isEmpty(), 2000);
+        QCOMPARE(heard.size(), 1);
+
+        heard.clear();
+        a.discovery->setOwnRecord(TarvSystemMember(a.record).setPersistentGroupMembers({QStringLiteral("a")}));
+        a.discovery->setOwnHouse(makeHouse(QStringLiteral("a"), QStringLiteral("Party"), 0));
+        QTRY_VERIFY_WITH_TIMEOUT(!(heard += readAll(listener)).isEmpty(), 2000);
+        // Anything more from that change was sent before this marker.
+        a.discovery->setOwnRecord(TarvSystemMember(a.record).setName(QStringLiteral("marker")));
+        const auto markerHeard = [&] {
+            heard += readAll(listener);
+            return !heard.isEmpty()
+                && heard.last().value(QStringLiteral("systemMember")).toHash().value(QStringLiteral("name"))
+                == QStringLiteral("marker");
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(markerHeard(), 2000);
+        QCOMPARE(heard.size(), 2);
+        const QVariantHash both = heard.first();
+        QCOMPARE(both.value(QStringLiteral("systemMember")).toHash().value(QStringLiteral("persistentGroupMembers")),
+                 QVariant(QVariantList{QStringLiteral("a")}));
+        QCOMPARE(both.value(QStringLiteral("house")).toHash().value(QStringLiteral("savedGroupName")),
+                 QVariant(QStringLiteral("Party")));
+    }
+
+    void aChangedHouseIsAnnouncedAtOnce()
+    {
+        Peer a(QStringLiteral("a"), options(3000));
+        Peer b(QStringLiteral("b"), options(3000));
+        QVERIFY(b.start());
+        QVERIFY(a.start());
+        QTRY_COMPARE_WITH_TIMEOUT(b.house->rowsSize(), 2, 1000);
+        QSignalSpy bHouse(b.house, &CMListRowsNode::rowChanged);
+        QSignalSpy bMembers(b.members, &CMListRowsNode::rowChanged);
+        a.setOwnHouse(makeHouse(QStringLiteral("b"), QString(), 0));
+        QTRY_COMPARE_WITH_TIMEOUT(b.houseOf(QStringLiteral("a")).value(QStringLiteral("master")).toString(),
+                                  QStringLiteral("b"), 1000);
+        QCOMPARE(bHouse.count(), 1);
+        QCOMPARE(bMembers.count(), 0);
+        // The same again announces nothing new.
+        const qint64 heard = b.discovery->receivedCount();
+        a.setOwnHouse(makeHouse(QStringLiteral("b"), QString(), 0));
+        b.discovery->setOwnRecord(TarvSystemMember(b.record).setName(QStringLiteral("b again")));
+        QTRY_VERIFY_WITH_TIMEOUT(b.discovery->receivedCount() > heard, 1000);
+        QCOMPARE(b.discovery->receivedCount(), heard + 1);
+    }
+
+    void envelopesThatAreTaken_data()
+    {
+        QTest::addColumn<QByteArray>("datagram");
+        QTest::addColumn<QString>("source");
+        QTest::addColumn<QVariant>("row");
+        const QByteArray member = R"("systemMember": {"id": "c", "name": "C", "host": "c.local", "ipAddress": "10.1.1.1",
+                                      "transcoder": false, "persistentGroupMembers": ["t", "c"],
+                                      "persistentGroupTimestamp": 1700000000123})";
+        const auto row = [](const QByteArray& rest) {
+            return json(R"({"houseMember": {"id": "c", "name": "C", "host": "c.local", "ipAddress": "10.1.1.1",
+                                            "transcoder": false, )" + rest + "}}");
+        };
+        QTest::newRow("an older host's, without house")
+            << ('{' + member + '}') << QStringLiteral("10.77.0.9")
+            << row(R"("master": "", "savedGroup": {"name": "", "members": ["t", "c"], "timestamp": 1700000000123},
+                      "api": null)");
+        QTest::newRow("with house")
+            << ('{' + member + R"(, "house": {"master": "t", "savedGroupName": "Party", "apiPort": 8080}})")
+            << QStringLiteral("10.77.0.9")
+            << row(R"("master": "t", "savedGroup": {"name": "Party", "members": ["t", "c"], "timestamp": 1700000000123},
+                      "api": {"address": "10.77.0.9", "port": 8080})");
+        QTest::newRow("an address in the payload is not taken")
+            << ('{' + member
+                + R"(, "house": {"master": "t", "savedGroupName": "", "apiPort": 8080, "address": "6.6.6.6"},
+                       "api": {"address": "6.6.6.6", "port": 1}})")
+            << QStringLiteral("::ffff:10.77.0.14")
+            << row(R"("master": "t", "savedGroup": {"name": "", "members": ["t", "c"], "timestamp": 1700000000123},
+                      "api": {"address": "10.77.0.14", "port": 8080})");
+        QTest::newRow("port 0 is no api")
+            << ('{' + member + R"(, "house": {"master": "", "savedGroupName": "", "apiPort": 0}})")
+            << QStringLiteral("10.77.0.9")
+            << row(R"("master": "", "savedGroup": {"name": "", "members": ["t", "c"], "timestamp": 1700000000123},
+                      "api": null)");
+        QTest::newRow("unknown top-level keys of later hosts")
+            << ('{' + member + R"(, "house": {"master": "c", "savedGroupName": "", "apiPort": 65535}, "zones": [1, 2]})")
+            << QStringLiteral("10.77.0.9")
+            << row(R"("master": "c", "savedGroup": {"name": "", "members": ["t", "c"], "timestamp": 1700000000123},
+                      "api": {"address": "10.77.0.9", "port": 65535})");
+    }
+
+    // What the socket's reader does with each datagram, from addresses a
+    // test cannot send from.
+    void envelopesThatAreTaken()
+    {
+        QFETCH(QByteArray, datagram);
+        QFETCH(QString, source);
+        QFETCH(QVariant, row);
+        Peer a(QStringLiteral("a"), options(5000));
+        QSignalSpy stats(a.discovery.get(), &Discovery::statsChanged);
+        a.discovery->handleDatagram(datagram, QHostAddress(source));
+        QCOMPARE(stats.count(), 0);
+        QCOMPARE(a.members->rowsSize(), 2);
+        QCOMPARE(a.house->rowsSize(), 2);
+        QCOMPARE(a.house->rowsGetById(QStringLiteral("c")).value().toVariant(), row);
+        QCOMPARE(a.house->rowsGetById(QStringLiteral("c")).title().toString(), QStringLiteral("C"));
+        // The members row is the record alone, as before.
+        QCOMPARE(a.members->rowsGetById(QStringLiteral("c")).value().keys(), QStringList{QStringLiteral("systemMember")});
+        QCOMPARE(a.memberOf(QStringLiteral("c")).ipAddress(), QStringLiteral("10.1.1.1"));
+    }
+
+    void aHouseRowLeavesTogetherWithItsMember()
+    {
+        const int period = 100;
+        Peer a(QStringLiteral("a"), options(period));
+        auto b = std::make_unique<Peer>(QStringLiteral("b"), options(period));
+        QVERIFY(a.start());
+        QVERIFY(b->start());
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
+        QCOMPARE(a.house->rowsSize(), 2);
+        int houseRowsWhenMemberLeft = -1;
+        tarvConnect(a.members, &CMListRowsNode::rowChanged, this, [&](const TarvRoles& newRow, const TarvRoles&) {
+            if (newRow.isEmpty())
+                houseRowsWhenMemberLeft = a.house->rowsSize();
+        });
+        b->discovery->stop();
+        QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 1, 3000);
+        QCOMPARE(houseRowsWhenMemberLeft, 1);
+        QVERIFY(a.house->rowsGetById(QStringLiteral("b")).isEmpty());
+        QCOMPARE(a.house->getRowRoles(0).id(), QStringLiteral("a"));
     }
 
     void aFloodOfJunkWarnsOncePerPeriod()

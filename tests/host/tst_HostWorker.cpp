@@ -6,10 +6,13 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include "CMListRowsNode.h"
+#include "CMNodes.h"
 #include "CMRootWorker.h"
 #include "HostConfig.h"
 #include "HostSettingsStore.h"
 #include "HostWorker.h"
+#include "HouseList.h"
 #include "LogCapture.h"
 #include "TarvPaths.h"
 #include "TarvValue.h"
@@ -56,6 +59,24 @@ private:
             .toVariant();
     }
     static QVariant json(const char* text) { return QJsonDocument::fromJson(text).toVariant(); }
+
+    static QVariantHash ownHouseRow()
+    {
+        auto* house = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(HostWorker::housePath()));
+        return house ? house->rowsGetById(QStringLiteral("dev-1")).value().value(HouseList::HouseMember()).toHash()
+                     : QVariantHash();
+    }
+
+    // The module's own row of the grouping members, as the grouping module
+    // writes it.
+    static TarvRoles groupingRow(const QString& id, const QString& masterId)
+    {
+        TarvGroupingMember member;
+        member.setMaster(TarvSystemMember().setId(masterId)).setFollower(TarvSystemMember().setId(id));
+        TarvRoles row;
+        row.setId(id).setType(TarvRolesType::GroupingMember).setTitle(id).setValue(TarvValue().setGroupingMember(member));
+        return row;
+    }
 
     static QVariantHash savedValues(const HostSettingsStore& store)
     {
@@ -355,6 +376,131 @@ private Q_SLOTS:
         QCOMPARE(value(HostWorker::discoveryStatsPath()), QVariant(stats));
     }
 
+    void theHouseListStartsLoadingWithTheOwnRow()
+    {
+        const auto worker = makeWorker({"--host-name", "kitchen.local", "--address", "10.1.2.3", "--name", "Kitchen"});
+        auto* house = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(HostWorker::housePath()));
+        QVERIFY(house);
+        QCOMPARE(HostWorker::housePath().toString(), QStringLiteral("/system/house"));
+        QCOMPARE(house, worker->houseNode());
+        QVERIFY(house->isLoading());
+        QCOMPARE(house->rowsSize(), 1);
+        QCOMPARE(house->getRowRoles(0).title().toString(), QStringLiteral("Kitchen"));
+        QCOMPARE(QVariant(ownHouseRow()), json(R"({"id": "dev-1", "name": "Kitchen", "host": "kitchen.local",
+            "ipAddress": "10.1.2.3", "transcoder": false, "master": "",
+            "savedGroup": {"name": "", "members": [], "timestamp": 0}, "api": null})"));
+        // It loads while the members list does.
+        worker->membersNode()->setLoading(false);
+        QVERIFY(!house->isLoading());
+    }
+
+    void theOwnRowFollowsTheRecord()
+    {
+        const auto worker = makeWorker();
+        QCOMPARE(CMRoot()->storeValue(TarvDeviceNameSettingsPath(), name(QStringLiteral("Living room"))), QString());
+        QCOMPARE(CMRoot()->storeValue(TarvDeviceStatePath(), state(2)), QString());
+        QCOMPARE(ownHouseRow().value(QStringLiteral("name")).toString(), QStringLiteral("Living room"));
+        QCOMPARE(ownHouseRow().value(QStringLiteral("transcoder")).toBool(), true);
+    }
+
+    // The module's list may come after the host's worker, or never.
+    void theOwnMasterFollowsTheModulesOwnGroupingRow()
+    {
+        const auto worker = makeWorker();
+        QSignalSpy changed(worker.get(), &HostWorker::ownHouseChanged);
+        QCOMPARE(worker->ownHouse().master, QString());
+        auto module = std::make_unique<CMNodes>();
+        CMListRowsNode* grouping = CMListRowsNode::create(module.get(), TarvGroupingMembersPath());
+        grouping->rowsSetById(groupingRow(QStringLiteral("dev-1"), QStringLiteral("dev-1")));
+        QTRY_COMPARE_WITH_TIMEOUT(worker->ownHouse().master, QStringLiteral("dev-1"), 2000);
+        QCOMPARE(ownHouseRow().value(QStringLiteral("master")).toString(), QStringLiteral("dev-1"));
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(changed.first().first().value<Discovery::House>().master, QStringLiteral("dev-1"));
+
+        // Another device's row (a receiver of this transcoder) is not ours.
+        grouping->rowsSetById(groupingRow(QStringLiteral("dev-7"), QStringLiteral("dev-9")));
+        grouping->rowsSetById(groupingRow(QStringLiteral("dev-1"), QStringLiteral("dev-2")));
+        QTRY_COMPARE_WITH_TIMEOUT(worker->ownHouse().master, QStringLiteral("dev-2"), 2000);
+        QCOMPARE(ownHouseRow().value(QStringLiteral("master")).toString(), QStringLiteral("dev-2"));
+        QCOMPARE(changed.count(), 2);
+
+        grouping->rowsRemoveById(QStringLiteral("dev-1"));
+        QTRY_COMPARE_WITH_TIMEOUT(worker->ownHouse().master, QString(), 2000);
+        QCOMPARE(ownHouseRow().value(QStringLiteral("master")).toString(), QString());
+        QCOMPARE(changed.count(), 3);
+    }
+
+    void theSavedGroupNameFollowsTheSetting_data()
+    {
+        QTest::addColumn<QString>("groupName");
+        QTest::addColumn<QString>("announced");
+        QTest::addColumn<bool>("warned");
+        QTest::newRow("a name") << QStringLiteral("Party") << QStringLiteral("Party") << false;
+        QTest::newRow("none") << QString() << QString() << false;
+        QTest::newRow("too long to announce") << QString(65, QLatin1Char('g')) << QString() << true;
+        QTest::newRow("blank") << QStringLiteral("   ") << QString() << true;
+    }
+
+    void theSavedGroupNameFollowsTheSetting()
+    {
+        QFETCH(QString, groupName);
+        QFETCH(QString, announced);
+        QFETCH(bool, warned);
+        const auto worker = makeWorker();
+        LogCapture log;
+        QSignalSpy changed(worker.get(), &HostWorker::ownHouseChanged);
+        const QVariant saved = TarvValue()
+                                   .setGroupingPersistentGroup(TarvGroupingPersistentGroup()
+                                                                   .setName(groupName)
+                                                                   .setMembers({QStringLiteral("dev-1"), QStringLiteral("dev-2")})
+                                                                   .setTimestamp(1700000000123))
+                                   .toVariant();
+        QCOMPARE(CMRoot()->storeValue(TarvGroupingPersistentGroupSettingsPath(), saved), QString());
+        QCOMPARE(worker->ownHouse().savedGroupName, announced);
+        QCOMPARE(changed.count(), announced.isEmpty() ? 0 : 1);
+        QCOMPARE(ownHouseRow().value(QStringLiteral("savedGroup")),
+                 QVariant(QVariantHash{{QStringLiteral("name"), announced},
+                                       {QStringLiteral("members"), QVariantList{QStringLiteral("dev-1"), QStringLiteral("dev-2")}},
+                                       {QStringLiteral("timestamp"), qint64(1700000000123)}}));
+        QCOMPARE(log.countStartingWith(log4cplus::WARN_LOG_LEVEL, QStringLiteral("The saved group's name "),
+                                       QStringLiteral("HostWorker")),
+                 warned ? 1 : 0);
+    }
+
+    void theApiIsReachableUnlessItListensOnLoopback_data()
+    {
+        QTest::addColumn<QString>("listening");
+        QTest::addColumn<int>("port");
+        QTest::addColumn<QVariant>("api");
+        const QVariant null = QVariant::fromValue(nullptr);
+        QTest::newRow("loopback") << QStringLiteral("127.0.0.1") << 8080 << null;
+        QTest::newRow("IPv6 loopback") << QStringLiteral("::1") << 8080 << null;
+        QTest::newRow("any IPv4: the announced address") << QStringLiteral("0.0.0.0") << 8080
+                                                        << json(R"({"address": "10.1.2.3", "port": 8080})");
+        QTest::newRow("any IPv6: the announced address") << QStringLiteral("::") << 8081
+                                                        << json(R"({"address": "10.1.2.3", "port": 8081})");
+        QTest::newRow("one address") << QStringLiteral("10.1.2.99") << 8080
+                                     << json(R"({"address": "10.1.2.99", "port": 8080})");
+        QTest::newRow("not listening") << QStringLiteral("10.1.2.99") << 0 << null;
+    }
+
+    void theApiIsReachableUnlessItListensOnLoopback()
+    {
+        QFETCH(QString, listening);
+        QFETCH(int, port);
+        QFETCH(QVariant, api);
+        const auto worker = makeWorker({"--address", "10.1.2.3"});
+        QSignalSpy changed(worker.get(), &HostWorker::ownHouseChanged);
+        worker->setApiListening(QHostAddress(listening), static_cast<quint16>(port));
+        QCOMPARE(ownHouseRow().value(QStringLiteral("api")), api);
+        const quint16 announced = api.isNull() ? 0 : static_cast<quint16>(port);
+        QCOMPARE(worker->ownHouse().apiPort, announced);
+        QCOMPARE(changed.count(), announced == 0 ? 0 : 1);
+        // Told again: no change.
+        worker->setApiListening(QHostAddress(listening), static_cast<quint16>(port));
+        QCOMPARE(changed.count(), announced == 0 ? 0 : 1);
+    }
+
     void valuesGoAwayWithTheWorker()
     {
         {
@@ -363,6 +509,7 @@ private Q_SLOTS:
         }
         QVERIFY(!CMRoot()->hasValue(TarvSystemMemberPath()));
         QVERIFY(!CMRoot()->findNode(TarvSystemMembersPath()));
+        QVERIFY(!CMRoot()->findNode(HostWorker::housePath()));
     }
 };
 

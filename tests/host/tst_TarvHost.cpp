@@ -183,6 +183,22 @@ private Q_SLOTS:
         QVERIFY2(host->stop(), qPrintable(host->output()));
     }
 
+    void theHostRefusesToForwardToItselfAndToStrangers()
+    {
+        const auto host = makeHost(QStringLiteral("a"));
+        QString error;
+        QVERIFY2(host->start({}, &error), qPrintable(error));
+        int status = 0;
+        const QJsonObject self = get(*host, "/api/v1/devices/" + host->id().toStdString() + "/host", &status);
+        QCOMPARE(status, 400);
+        QCOMPARE(self.value("error").toObject().value("message").toString(),
+                 QStringLiteral("Device '%1' is this device; use /api/v1/host directly").arg(host->id()));
+        const QJsonObject stranger = get(*host, "/api/v1/devices/no-such-device/value?path=/a", &status);
+        QCOMPARE(status, 404);
+        QCOMPARE(stranger.value("error").toObject().value("name").toString(), QStringLiteral("UnknownDevice"));
+        QVERIFY2(host->stop(), qPrintable(host->output()));
+    }
+
     void twoHostsCannotShareADataDirectory()
     {
         const auto first = makeHost(QStringLiteral("a"));
@@ -333,6 +349,39 @@ private Q_SLOTS:
         // B leaves: A drops it after three silent periods.
         QVERIFY2(b->stop(), qPrintable(b->output()));
         QTRY_COMPARE_WITH_TIMEOUT(names(*a), QStringList({"A"}), 5000);
+        QVERIFY2(a->stop(), qPrintable(a->output()));
+    }
+
+    // The API on loopback only is out of other devices' reach; one on every
+    // address is reached at the address its announcements come from.
+    void theHouseListShowsWhichDevicesCanBeReached()
+    {
+        const int discoveryPort = HostProcess::freeUdpPort();
+        const auto a = makeHost(QStringLiteral("a"));
+        const auto b = makeHost(QStringLiteral("b"));
+        a->setDiscoveryPort(discoveryPort);
+        b->setDiscoveryPort(discoveryPort);
+        QString error;
+        b->setApiListen(QStringLiteral("0.0.0.0:0"));
+        QVERIFY2(a->start({"--discovery-ms", "100", "--name", "A"}, &error), qPrintable(error));
+        QVERIFY2(b->start({"--discovery-ms", "100", "--name", "B"}, &error), qPrintable(error));
+        const auto houseRow = [](const HostProcess& host, const QString& id) {
+            for (const QJsonValue& row : get(host, "/api/v1/rows?path=/system/house").value("rows").toArray()) {
+                if (row.toObject().value("id").toString() == id)
+                    return row.toObject().value("value").toObject().value("houseMember").toObject();
+            }
+            return QJsonObject();
+        };
+        const QJsonObject reachableB{{"address", "127.0.0.1"}, {"port", b->apiPort()}};
+        QTRY_COMPARE_WITH_TIMEOUT(houseRow(*a, b->id()).value("api"), QJsonValue(reachableB), 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(houseRow(*b, a->id()).value("name"), QJsonValue("A"), 5000);
+        QCOMPARE(houseRow(*b, a->id()).value("api"), QJsonValue(QJsonValue::Null));
+        QCOMPARE(houseRow(*a, a->id()).value("api"), QJsonValue(QJsonValue::Null));
+        QCOMPARE(houseRow(*b, b->id()).value("api"), QJsonValue(reachableB));
+        QCOMPARE(houseRow(*a, b->id()).value("name"), QJsonValue("B"));
+        QCOMPARE(houseRow(*a, b->id()).value("savedGroup").toObject().value("name"), QJsonValue(""));
+        QVERIFY2(b->stop(), qPrintable(b->output()));
+        QTRY_VERIFY_WITH_TIMEOUT(houseRow(*a, b->id()).isEmpty(), 5000);
         QVERIFY2(a->stop(), qPrintable(a->output()));
     }
 

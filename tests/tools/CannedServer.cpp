@@ -63,6 +63,17 @@ void CannedServer::stream(const QString& endpoint, const QList<QByteArray>& chun
     m_canned.insert(QStringLiteral("GET ") + endpoint, canned);
 }
 
+void CannedServer::answerAfter(const QString& trigger, const QString& method, const QString& endpoint, int status,
+                               const QByteArray& body)
+{
+    Canned canned;
+    canned.status = status;
+    canned.body = body;
+    canned.contentType = "application/json";
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_later.insert(trigger, qMakePair(method + QLatin1Char(' ') + endpoint, canned));
+}
+
 void CannedServer::release()
 {
     {
@@ -106,6 +117,10 @@ void CannedServer::handle(const httplib::Request& request, httplib::Response& re
         found = m_canned.contains(pathKey) || m_canned.contains(key);
         if (found)
             canned = m_canned.value(m_canned.contains(pathKey) ? pathKey : key);
+        // Taken now, so the very next request already sees the change.
+        for (const QPair<QString, Canned>& later : m_later.values(key))
+            m_canned.insert(later.first, later.second);
+        m_later.remove(key);
     }
     if (!found) {
         response.status = 404;

@@ -8,6 +8,8 @@
 #include <QHash>
 #include <QList>
 #include <QMap>
+#include <QMultiHash>
+#include <QPair>
 #include <QString>
 
 #include <httplib.h>
@@ -48,6 +50,11 @@ public:
     // stream open until release() or the client leaves, or ends it.
     void stream(const QString& endpoint, const QList<QByteArray>& chunks, bool keepOpen, int gapMs = 0);
     void release();
+    // Once a request `trigger` (e.g. "POST /api/v1/invoke") has been
+    // answered, `method` on `endpoint` answers with `status` and `body`
+    // from then on: a device whose state changes because it was asked to.
+    void answerAfter(const QString& trigger, const QString& method, const QString& endpoint, int status,
+                     const QByteArray& body);
 
     QList<Received> received() const;
 
@@ -74,5 +81,7 @@ private:
     std::condition_variable m_releasedChanged;
     bool m_released = false;
     QHash<QString, Canned> m_canned;
+    // Answers put in place when their trigger ("METHOD /path") comes.
+    QMultiHash<QString, QPair<QString, Canned>> m_later;
     QList<Received> m_received;
 };

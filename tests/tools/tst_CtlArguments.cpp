@@ -14,6 +14,7 @@ private Q_SLOTS:
     void apiComesFromOptionThenEnvironmentThenDefault();
     void helpAndVersionNeedNoCommand();
     void optionValuesTakeBothForms();
+    void deviceComesFromOptionThenEnvironment();
 };
 
 void tst_CtlArguments::acceptsEveryCommandForm_data()
@@ -44,6 +45,12 @@ void tst_CtlArguments::acceptsEveryCommandForm_data()
     QTest::newRow("watch prefix count") << QStringList{"watch", "/grouping", "--count", "2", "--timeout-ms=500"}
                                         << "watch" << QStringList{"/grouping"};
     QTest::newRow("ui") << QStringList{"ui"} << "ui" << QStringList{};
+    QTest::newRow("house") << QStringList{"house"} << "house" << QStringList{};
+    QTest::newRow("house json") << QStringList{"house", "--json"} << "house" << QStringList{};
+    QTest::newRow("device get") << QStringList{"--device", "kitchen", "get", "/a"} << "get" << QStringList{"/a"};
+    QTest::newRow("device= join") << QStringList{"join", "a", "--device=Cellar 2"} << "join" << QStringList{"a"};
+    QTest::newRow("device ui join") << QStringList{"ui", "join", "a", "--device", "d2"} << "ui"
+                                    << QStringList{"join", "a"};
     QTest::newRow("ui watch") << QStringList{"ui", "--watch", "--count", "2", "--timeout-ms", "900"} << "ui"
                               << QStringList{};
     QTest::newRow("ui join") << QStringList{"ui", "join", "dev 2"} << "ui" << QStringList{"join", "dev 2"};
@@ -126,6 +133,19 @@ void tst_CtlArguments::usageErrorsSayWhatIsWrong_data()
     QTest::newRow("ui count without watch") << QStringList{"ui", "--count", "1"} << "ui: --count needs --watch";
     QTest::newRow("watch elsewhere") << QStringList{"watch", "--watch"}
                                      << "option --watch is only for ui, not for watch";
+    QTest::newRow("house surplus") << QStringList{"house", "all"}
+                                   << "house: unexpected argument 'all'; usage: tarvctl house";
+    QTest::newRow("device without value") << QStringList{"get", "/a", "--device"} << "option --device needs a value";
+    QTest::newRow("device empty") << QStringList{"get", "/a", "--device", " "} << "--device needs a device's name or id";
+    QTest::newRow("device with watch") << QStringList{"--device", "kitchen", "watch", "/grouping"}
+                                       << "watch cannot be aimed at another device (--device kitchen): a host does "
+                                          "not forward events; give that device's own API with --api";
+    QTest::newRow("device with ui watch") << QStringList{"ui", "--watch", "--device=kitchen"}
+                                          << "ui --watch cannot be aimed at another device (--device kitchen): a host "
+                                             "does not forward events; give that device's own API with --api";
+    QTest::newRow("device with tree") << QStringList{"tree", "--device", "kitchen"}
+                                      << "tree cannot be aimed at another device (--device kitchen): a host does not "
+                                         "forward the tree; give that device's own API with --api";
 }
 
 void tst_CtlArguments::usageErrorsSayWhatIsWrong()
@@ -183,6 +203,29 @@ void tst_CtlArguments::optionValuesTakeBothForms()
     QCOMPARE(set.option("string"), QString("--odd"));
     QCOMPARE(set.count(), -1);
     QCOMPARE(set.timeoutMs(), -1);
+}
+
+void tst_CtlArguments::deviceComesFromOptionThenEnvironment()
+{
+    CtlArguments none;
+    QVERIFY(none.parse({"host"}));
+    QCOMPARE(none.device(), QString());
+
+    CtlArguments fromEnvironment;
+    QVERIFY(fromEnvironment.parse({"host"}, QString(), "cellar"));
+    QCOMPARE(fromEnvironment.device(), QString("cellar"));
+    QCOMPARE(fromEnvironment.deviceSource(), QString("TARV_DEVICE"));
+
+    CtlArguments fromOption;
+    QVERIFY(fromOption.parse({"--device", "d2", "host"}, QString(), "cellar"));
+    QCOMPARE(fromOption.device(), QString("d2"));
+    QCOMPARE(fromOption.deviceSource(), QString("--device"));
+
+    // The environment aims every command, so a watch is refused there too.
+    CtlArguments watch;
+    QVERIFY(!watch.parse({"watch"}, QString(), "cellar"));
+    QCOMPARE(watch.error(), QString("watch cannot be aimed at another device (TARV_DEVICE cellar): a host does not "
+                                    "forward events; give that device's own API with --api"));
 }
 
 QTEST_GUILESS_MAIN(tst_CtlArguments)

@@ -18,13 +18,14 @@ struct Run
     QString err;
 };
 
-Run run(const QStringList& arguments, const QString& apiFromEnvironment = QString())
+Run run(const QStringList& arguments, const QString& apiFromEnvironment = QString(),
+        const QString& deviceFromEnvironment = QString())
 {
     Run result;
     QTextStream out(&result.out);
     QTextStream err(&result.err);
     CtlCommand command(out, err);
-    result.exitCode = command.run(arguments, apiFromEnvironment);
+    result.exitCode = command.run(arguments, apiFromEnvironment, deviceFromEnvironment);
     out.flush();
     err.flush();
     return result;
@@ -153,6 +154,22 @@ private Q_SLOTS:
     void badApiUrlIsAUsageError();
     void helpAndVersionNeedNoHost();
     void textFromTheHostCannotDriveTheTerminal();
+    void statusWithoutASavedGroupNamesNone();
+    void deviceIsFoundByIdThenByNameIgnoringCase_data();
+    void deviceIsFoundByIdThenByNameIgnoringCase();
+    void deviceThatIsTheHostItselfIsTalkedToDirectly_data();
+    void deviceThatIsTheHostItselfIsTalkedToDirectly();
+    void deviceThatNamesNoSingleDeviceSendsNothing_data();
+    void deviceThatNamesNoSingleDeviceSendsNothing();
+    void deviceCommandsSendExactlyTheForwardedRequests_data();
+    void deviceCommandsSendExactlyTheForwardedRequests();
+    void deviceChangesAreAwaitedByReadingTheDevice_data();
+    void deviceChangesAreAwaitedByReadingTheDevice();
+    void deviceChangeThatNeverShowsIsNoChange_data();
+    void deviceChangeThatNeverShowsIsNoChange();
+    void forwardingErrorsEndWithTheirExitCode_data();
+    void forwardingErrorsEndWithTheirExitCode();
+    void deviceFromTheEnvironmentIsUsedUnlessGiven();
 };
 
 void tst_CtlCommand::hostPrintsTheDeviceReadably()
@@ -438,6 +455,9 @@ void tst_CtlCommand::statusShowsThisDeviceAndTheLan()
     server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, R"({"path":"/grouping/members","rows":[
         {"id":"a","value":{"groupingMember":{"follower":{"id":"a","name":"dev1"},"master":{"id":"a","name":"dev1"}}}},
         {"id":"b","value":{"groupingMember":{"follower":{"id":"b","name":"dev2"},"master":{"id":"a","name":"dev1"}}}}]})");
+    server.answer("GET", "/api/v1/value?path=/settings/grouping/persistentGroup", 200,
+                  R"({"path":"/settings/grouping/persistentGroup","value":{"groupingPersistentGroup":
+                      {"name":"Home","members":["a","b","gone"],"timestamp":1700000000000}}})");
     Run result = run({"status"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
@@ -445,7 +465,7 @@ void tst_CtlCommand::statusShowsThisDeviceAndTheLan()
                                  "  role:         transcoder\n"
                                  "  master:       itself\n"
                                  "  followers:    dev2 [b]\n"
-                                 "  saved group:  dev2 [b], gone\n"
+                                 "  saved group:  \"Home\": dev2 [b], gone\n"
                                  "Devices on the LAN: 3\n"
                                  "  dev1    [a]   transcoder  this device, saved group: dev2 [b], gone\n"
                                  "  dev2    [b]   receiver\n"
@@ -457,6 +477,7 @@ void tst_CtlCommand::statusShowsThisDeviceAndTheLan()
     QCOMPARE(status.value("id").toString(), QString("a"));
     QCOMPARE(status.value("role").toString(), QString("transcoder"));
     QCOMPARE(status.value("master").toObject(), QJsonObject({{"id", "a"}, {"name", "dev1"}}));
+    QCOMPARE(status.value("savedGroupName").toString(), QString("Home"));
     QCOMPARE(status.value("followers").toArray(), QJsonArray({QJsonObject({{"id", "b"}, {"name", "dev2"}})}));
     QCOMPARE(status.value("savedGroup").toArray(),
              QJsonArray({QJsonObject({{"id", "b"}, {"name", "dev2"}}), QJsonObject({{"id", "gone"}, {"name", ""}})}));
@@ -947,6 +968,343 @@ void tst_CtlCommand::textFromTheHostCannotDriveTheTerminal()
     result = run({"watch", "--count", "1", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("value /a = \\u001b[31mred\n"));
+}
+
+namespace {
+
+// The house as host "me" (dev3) sees it: d2 is "Cellar", two devices
+// share the name "twin" (in two cases), and "me" is itself.
+const QByteArray houseRows = R"({"path":"/system/house","rows":[
+    {"id":"me","value":{"houseMember":{"id":"me","name":"dev3","transcoder":false,"master":"a","api":null}}},
+    {"id":"a","value":{"houseMember":{"id":"a","name":"dev1","transcoder":true,"master":"a","api":{"address":"10.0.0.1","port":8080}}}},
+    {"id":"d2","value":{"houseMember":{"id":"d2","name":"Cellar","transcoder":false,"master":"a","api":{"address":"10.0.0.2","port":8080}}}},
+    {"id":"t1","value":{"houseMember":{"id":"t1","name":"twin","transcoder":false,"master":"t1","api":{"address":"10.0.0.5","port":8080}}}},
+    {"id":"t2","value":{"houseMember":{"id":"t2","name":"Twin","transcoder":false,"master":"t2","api":{"address":"10.0.0.6","port":8080}}}}]})";
+
+void answerAsHostOfTheHouse(CannedServer& server)
+{
+    server.answer("GET", "/api/v1/host", 200, meHost);
+    server.answer("GET", "/api/v1/rows?path=/system/house", 200, houseRows);
+}
+
+QStringList requestsOf(const CannedServer& server)
+{
+    QStringList requests;
+    for (const CannedServer::Received& received : server.received()) {
+        QString line = received.method + ' ' + received.path;
+        for (auto it = received.params.constBegin(); it != received.params.constEnd(); ++it)
+            line += ' ' + it.key() + '=' + it.value();
+        requests.append(line);
+    }
+    return requests;
+}
+
+// Device d2's own row of /grouping/members, following `master`.
+QByteArray d2Follows(const char* master)
+{
+    return QByteArray(R"({"path":"/grouping/members","rows":[
+        {"id":"a","value":{"groupingMember":{"follower":{"id":"a"},"master":{"id":"a"}}}},
+        {"id":"d2","value":{"groupingMember":{"follower":{"id":"d2","name":"Cellar"},"master":{"id":")")
+        + master + R"(","name":"dev1"}}}}]})";
+}
+
+QByteArray savedGroup(const char* name, const char* members, qint64 timestamp)
+{
+    return QByteArray(R"({"path":"/settings/grouping/persistentGroup","value":{"groupingPersistentGroup":{"name":")")
+        + name + R"(","members":)" + members + R"(,"timestamp":)" + QByteArray::number(timestamp) + "}}}";
+}
+
+} // namespace
+
+void tst_CtlCommand::statusWithoutASavedGroupNamesNone()
+{
+    CannedServer server;
+    server.answer("GET", "/api/v1/host", 200, R"({"id":"a","name":"dev1"})");
+    server.answer("GET", "/api/v1/rows?path=/system/members", 200, R"({"path":"/system/members","rows":[
+        {"id":"a","value":{"systemMember":{"id":"a","name":"dev1","transcoder":true}}}]})");
+    server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, R"({"path":"/grouping/members","rows":[]})");
+    server.answer("GET", "/api/v1/value?path=/settings/grouping/persistentGroup", 200,
+                  savedGroup("", "[]", 1700000000000));
+    const Run result = run({"status"}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.out.contains("\n  saved group:  none\n"), qPrintable(result.out));
+}
+
+void tst_CtlCommand::deviceIsFoundByIdThenByNameIgnoringCase_data()
+{
+    QTest::addColumn<QString>("device");
+    QTest::addColumn<QString>("id");
+    QTest::newRow("id") << "d2" << "d2";
+    QTest::newRow("name") << "Cellar" << "d2";
+    QTest::newRow("name in other case") << "cELLAR" << "d2";
+    QTest::newRow("id of one of two twins") << "t2" << "t2";
+}
+
+void tst_CtlCommand::deviceIsFoundByIdThenByNameIgnoringCase()
+{
+    QFETCH(QString, device);
+    QFETCH(QString, id);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/devices/" + id + "/value", 200, R"({"path":"/settings/device/name","value":{"string_":"far"}})");
+    const Run result = run({"--device", device, "get", "/settings/device/name"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("far\n"));
+    QCOMPARE(requestsOf(server), QStringList({"GET /api/v1/host", "GET /api/v1/rows path=/system/house",
+                                              "GET /api/v1/devices/" + id + "/value path=/settings/device/name"}));
+    QCOMPARE(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Aiming at device " + id + " through " + server.api(),
+                         "CtlCommand"),
+             1);
+}
+
+void tst_CtlCommand::deviceThatIsTheHostItselfIsTalkedToDirectly_data()
+{
+    QTest::addColumn<QString>("device");
+    QTest::addColumn<QStringList>("requests");
+    QTest::newRow("own id") << "me"
+                            << QStringList{"GET /api/v1/host", "GET /api/v1/value path=/settings/device/name"};
+    QTest::newRow("own name") << "DEV3"
+                              << QStringList{"GET /api/v1/host", "GET /api/v1/rows path=/system/house",
+                                             "GET /api/v1/value path=/settings/device/name"};
+}
+
+void tst_CtlCommand::deviceThatIsTheHostItselfIsTalkedToDirectly()
+{
+    QFETCH(QString, device);
+    QFETCH(QStringList, requests);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/value", 200, R"({"path":"/settings/device/name","value":{"string_":"dev3"}})");
+    const Run result = run({"get", "/settings/device/name", "--device", device}, server.api());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QString("dev3\n"));
+    QCOMPARE(requestsOf(server), requests);
+    QCOMPARE(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "Device " + device + " is the host itself", "CtlCommand"), 1);
+}
+
+void tst_CtlCommand::deviceThatNamesNoSingleDeviceSendsNothing_data()
+{
+    QTest::addColumn<QString>("device");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("unknown") << "attic"
+                             << "tarvctl: --device: no device with the id or name 'attic' in /system/house; "
+                                "known: Cellar, dev1, dev3, Twin, twin\n";
+    QTest::newRow("id in other case") << "D2"
+                                      << "tarvctl: --device: no device with the id or name 'D2' in /system/house; "
+                                         "known: Cellar, dev1, dev3, Twin, twin\n";
+    QTest::newRow("shared name") << "TWIN" << "tarvctl: --device: 2 devices are named 'TWIN'; give the id: t1, t2\n";
+}
+
+void tst_CtlCommand::deviceThatNamesNoSingleDeviceSendsNothing()
+{
+    QFETCH(QString, device);
+    QFETCH(QString, error);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
+    const Run result = run({"--device", device, "leave"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, error);
+    QCOMPARE(result.out, QString());
+    QCOMPARE(requestsOf(server), QStringList({"GET /api/v1/host", "GET /api/v1/rows path=/system/house"}));
+}
+
+void tst_CtlCommand::deviceCommandsSendExactlyTheForwardedRequests_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("request");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QByteArray>("answer");
+    QTest::newRow("host") << QStringList{"host"} << "GET /api/v1/devices/d2/host" << QByteArray()
+                          << QByteArray(R"({"id":"d2","name":"Cellar"})");
+    QTest::newRow("set") << QStringList{"set", "/settings/device/name", "--string", "cellar two"}
+                         << "PUT /api/v1/devices/d2/value path=/settings/device/name"
+                         << QByteArray(R"({"string_":"cellar two"})")
+                         << QByteArray(R"({"path":"/settings/device/name","value":{"string_":"cellar two"}})");
+    QTest::newRow("invoke") << QStringList{"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})",
+                                           "--timeout-ms", "700"}
+                            << "POST /api/v1/devices/d2/invoke path=/grouping/request timeout_ms=700"
+                            << QByteArray(R"({"groupingRequest":{"command":-1}})") << QByteArray(R"({"result":true})");
+    QTest::newRow("rows") << QStringList{"rows", "/ui/grouping"} << "GET /api/v1/devices/d2/rows path=/ui/grouping"
+                          << QByteArray() << QByteArray(R"({"path":"/ui/grouping","rows":[]})");
+    QTest::newRow("ui leave, no wait") << QStringList{"ui", "leave", "--no-wait"}
+                                       << "POST /api/v1/devices/d2/invoke path=/ui/grouping/leave"
+                                       << QByteArray("{}") << QByteArray(R"({"result":true})");
+}
+
+void tst_CtlCommand::deviceCommandsSendExactlyTheForwardedRequests()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, request);
+    QFETCH(QByteArray, body);
+    QFETCH(QByteArray, answer);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    const QStringList parts = request.split(' ');
+    server.answer(parts.at(0), parts.at(1), 200, answer);
+    const Run result = run(QStringList{"--device", "Cellar"} + arguments, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    const QStringList requests = requestsOf(server);
+    QCOMPARE(requests, QStringList({"GET /api/v1/host", "GET /api/v1/rows path=/system/house", request}));
+    if (!body.isEmpty())
+        QCOMPARE(QJsonDocument::fromJson(server.received().last().body), QJsonDocument::fromJson(body));
+}
+
+void tst_CtlCommand::deviceChangesAreAwaitedByReadingTheDevice_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("read");
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+    QTest::addColumn<QString>("out");
+    QTest::newRow("join") << QStringList{"join", "a"} << "/api/v1/devices/d2/rows?path=/grouping/members"
+                          << d2Follows("d2") << d2Follows("a") << "joined dev1\n";
+    QTest::newRow("leave") << QStringList{"leave"} << "/api/v1/devices/d2/rows?path=/grouping/members"
+                           << d2Follows("a") << d2Follows("d2") << "left dev1\n";
+    QTest::newRow("save") << QStringList{"save", "Home", "dev1"}
+                          << "/api/v1/devices/d2/value?path=/settings/grouping/persistentGroup"
+                          << savedGroup("", "[]", 0) << savedGroup("Home", R"(["d2","a"])", 1700000000000)
+                          << "saved Home\n";
+    // Saving the same group again shows as a new time.
+    QTest::newRow("save again") << QStringList{"save", "Home", "a"}
+                                << "/api/v1/devices/d2/value?path=/settings/grouping/persistentGroup"
+                                << savedGroup("Home", R"(["d2","a"])", 1600000000000)
+                                << savedGroup("Home", R"(["d2","a"])", 1700000000000) << "saved Home\n";
+}
+
+void tst_CtlCommand::deviceChangesAreAwaitedByReadingTheDevice()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, read);
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    QFETCH(QString, out);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
+    server.answer("GET", "/api/v1/devices/d2/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/devices/d2/rows?path=/grouping/members", 200, d2Follows("a"));
+    server.answer("GET", read, 200, before);
+    server.answer("POST", "/api/v1/devices/d2/invoke", 200, R"({"result":true})");
+    // The device changes only once it was asked to.
+    server.answerAfter("POST /api/v1/devices/d2/invoke", "GET", read, 200, after);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const Run result = run(QStringList{"--device", "d2"} + arguments + QStringList{"--timeout-ms", "3000"}, server.api());
+    QCOMPARE(result.err, QString());
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, out);
+    QVERIFY(elapsed.elapsed() < 2000);
+    const QStringList requests = requestsOf(server);
+    const int invoke = requests.indexOf(QRegularExpression("POST /api/v1/devices/d2/invoke .*"));
+    QVERIFY(invoke > 0);
+    // One read before the request, one after it that saw the change; no
+    // events, nothing that is not forwarded.
+    const QString readLine = "GET " + read.section('?', 0, 0) + " path=" + read.section('=', 1);
+    QCOMPARE(requests.mid(invoke - 1), QStringList({readLine, requests.at(invoke), readLine}));
+    for (const QString& request : requests)
+        QVERIFY2(request.startsWith("GET /api/v1/host") || request.startsWith("GET /api/v1/rows path=/system/house")
+                     || request.contains("/api/v1/devices/d2/"),
+                 qPrintable(request));
+}
+
+void tst_CtlCommand::deviceChangeThatNeverShowsIsNoChange_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::newRow("join") << QStringList{"join", "a"};
+    // Following nobody, there is nothing to leave.
+    QTest::newRow("leave") << QStringList{"leave"};
+    QTest::newRow("ui leave") << QStringList{"ui", "leave"};
+    QTest::newRow("save") << QStringList{"save", "Home", "dev1"};
+}
+
+void tst_CtlCommand::deviceChangeThatNeverShowsIsNoChange()
+{
+    QFETCH(QStringList, arguments);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
+    server.answer("GET", "/api/v1/devices/d2/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/devices/d2/rows?path=/grouping/members", 200, d2Follows("d2"));
+    server.answer("GET", "/api/v1/devices/d2/value?path=/settings/grouping/persistentGroup", 200,
+                  savedGroup("", "[]", 0));
+    server.answer("POST", "/api/v1/devices/d2/invoke", 200, R"({"result":true})");
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const Run result = run(QStringList{"--device", "Cellar"} + arguments + QStringList{"--timeout-ms", "400"}, server.api());
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
+    QCOMPARE(result.out, QString());
+    QVERIFY(elapsed.elapsed() >= 400);
+    QVERIFY(elapsed.elapsed() < 2500);
+    // Read again and again at a short interval, within the bound.
+    const int reads = requestsOf(server).filter(QRegularExpression("^GET /api/v1/devices/d2/(rows path=/grouping/members|value)")).size();
+    QVERIFY2(reads >= 3 && reads <= 7, qPrintable(QString::number(reads)));
+    QCOMPARE(m_log.count(log4cplus::DEBUG_LOG_LEVEL, "No change within 400 ms", "CtlChangeRequest"), 1);
+}
+
+void tst_CtlCommand::forwardingErrorsEndWithTheirExitCode_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("error");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("err");
+    QTest::newRow("404 unknown device")
+        << 404 << QByteArray(R"({"error":{"name":"UnknownDevice","title":"Unknown device","message":"No device with the id 'd2' on this LAN"}})")
+        << 1 << "tarvctl: error (HTTP 404): Unknown device: No device with the id 'd2' on this LAN\n";
+    QTest::newRow("502 unreachable")
+        << 502 << QByteArray(R"({"error":{"name":"DeviceUnreachable","title":"Device unreachable","message":"Device 'Cellar' at 10.0.0.2:8080 is unreachable: connection refused"}})")
+        << 3 << "tarvctl: error: Device 'Cellar' at 10.0.0.2:8080 is unreachable: connection refused\n";
+    QTest::newRow("504 device timeout")
+        << 504 << QByteArray(R"({"error":{"name":"DeviceTimeout","title":"Device timeout","message":"Device 'Cellar' did not answer within 6000 ms"}})")
+        << 4 << "tarvctl: timeout: the host answered 504: no reply came within the bound (Device 'Cellar' did not answer within 6000 ms)\n";
+    QTest::newRow("508 loop")
+        << 508 << QByteArray(R"({"error":{"name":"ForwardingLoop","title":"Forwarding loop","message":"This request was already forwarded by device 'x'"}})")
+        << 1 << "tarvctl: error (HTTP 508): Forwarding loop: This request was already forwarded by device 'x'\n";
+    QTest::newRow("503 too many")
+        << 503 << QByteArray(R"({"error":{"name":"TooManyForwards","title":"Too many forwards","message":"Too many requests to other devices at once (at most 8, 4 per device); try again"}})")
+        << 1 << "tarvctl: error (HTTP 503): Too many forwards: Too many requests to other devices at once (at most 8, 4 per device); try again\n";
+    // What the device itself answers comes through unchanged.
+    QTest::newRow("the device's own refusal")
+        << 404 << QByteArray(R"({"error":{"name":"NotFound","title":"Not found","message":"No node at /nope"}})")
+        << 1 << "tarvctl: error (HTTP 404): Not found: No node at /nope\n";
+}
+
+void tst_CtlCommand::forwardingErrorsEndWithTheirExitCode()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, error);
+    QFETCH(int, exitCode);
+    QFETCH(QString, err);
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/devices/d2/value", status, error);
+    Run result = run({"--device", "d2", "get", "/nope"}, server.api());
+    QCOMPARE(result.exitCode, exitCode);
+    QCOMPARE(result.err, err);
+    // Scripts asking for JSON get the error object, whoever sent it.
+    result = run({"--device", "d2", "get", "/nope", "--json"}, server.api());
+    QCOMPARE(result.exitCode, exitCode);
+    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(error).object());
+}
+
+void tst_CtlCommand::deviceFromTheEnvironmentIsUsedUnlessGiven()
+{
+    CannedServer server;
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
+    server.answer("GET", "/api/v1/devices/t1/host", 200, R"({"id":"t1","name":"twin"})");
+    Run result = run({"host"}, server.api(), "cellar");
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.out.startsWith("id:           d2\n"), qPrintable(result.out));
+    result = run({"host", "--device", "t1"}, server.api(), "cellar");
+    QCOMPARE(result.exitCode, 0);
+    QVERIFY2(result.out.startsWith("id:           t1\n"), qPrintable(result.out));
+    result = run({"host"}, server.api(), "attic");
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.err.startsWith("tarvctl: TARV_DEVICE: no device with the id or name 'attic'"), qPrintable(result.err));
 }
 
 QTEST_GUILESS_MAIN(tst_CtlCommand)
