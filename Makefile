@@ -26,8 +26,12 @@ deps:
 	ARCH=$(ARCH) bash scripts/install-deps
 
 # BUILD_TESTING=OFF leaves the test programs out, TARV_BENCH=OFF the
-# benchmarks (make demo needs neither).
+# benchmarks (make demo needs neither). A cross build has no benchmarks:
+# they measure this machine (its namespaces, its parsers' libraries).
 BUILD_TESTING ?= ON
+ifneq ($(ARCH),)
+TARV_BENCH ?= OFF
+endif
 TARV_BENCH ?= ON
 
 configure: deps

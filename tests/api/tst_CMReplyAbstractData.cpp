@@ -63,7 +63,7 @@ private Q_SLOTS:
     void deadlineOfAWait_data()
     {
         QTest::addColumn<qulonglong>("msecs");
-        QTest::addColumn<bool>("forever");
+        QTest::addColumn<bool>("noLimit");
         QTest::newRow("zero") << qulonglong(0) << false;
         QTest::newRow("one second") << qulonglong(1000) << false;
         QTest::newRow("49 days") << qulonglong(49ULL * 24 * 3600 * 1000) << false;
@@ -74,10 +74,10 @@ private Q_SLOTS:
     void deadlineOfAWait()
     {
         QFETCH(qulonglong, msecs);
-        QFETCH(bool, forever);
+        QFETCH(bool, noLimit);
         const QDeadlineTimer deadline = CMReplyAbstractData::deadlineFor(static_cast<unsigned long>(msecs));
-        QCOMPARE(deadline.isForever(), forever);
-        if (!forever) {
+        QCOMPARE(deadline.isForever(), noLimit);
+        if (!noLimit) {
             // Never an already passed deadline, never one longer than asked.
             const qint64 remaining = deadline.remainingTime();
             QVERIFY2(remaining >= 0 && static_cast<qulonglong>(remaining) <= msecs, qPrintable(QString::number(remaining)));

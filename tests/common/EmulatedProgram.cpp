@@ -29,3 +29,19 @@ void EmulatedProgram::start(QProcess& process, const QString& binary, const QStr
 {
     process.start(program(binary), EmulatedProgram::arguments(binary, arguments));
 }
+
+int EmulatedProgram::slowdown()
+{
+#ifdef TARV_TEST_SLOWDOWN
+    // Configured with the emulator (tests/CMakeLists.txt), where it also
+    // scales the tests' CTest timeouts.
+    return TARV_TEST_SLOWDOWN;
+#else
+    return 1;
+#endif
+}
+
+int EmulatedProgram::scaled(int msecs)
+{
+    return msecs * slowdown();
+}

@@ -21,4 +21,13 @@ public:
     // process.start() of `binary` with `arguments`, through the emulator
     // when there is one.
     static void start(QProcess& process, const QString& binary, const QStringList& arguments);
+
+    // How many times longer a time bound is under emulation: 1 in a native
+    // build, the cross build's TARV_TEST_SLOWDOWN (a CMake setting, 6 by
+    // default: qemu-user translates code on first use and runs it slower).
+    // Every bound a test scales for emulation goes through this one factor,
+    // so native runs keep their bounds exactly.
+    static int slowdown();
+    // msecs times slowdown().
+    static int scaled(int msecs);
 };

@@ -84,8 +84,7 @@ bool HostProcess::start(const QStringList& extraArguments, QString* error, int t
     }
     // An emulated host (a cross build's tests under qemu-user) translates
     // its code on first use and starts several times slower.
-    if (EmulatedProgram::isEmulated())
-        timeoutMs *= 6;
+    timeoutMs = EmulatedProgram::scaled(timeoutMs);
     // The ready line names the API's URL (the port was left to the host) and the id.
     static const QRegularExpression ready(QStringLiteral("tarv-host ready: api (http://\\S+) id (\\S+)"));
     QElapsedTimer elapsed;
