@@ -1,3 +1,5 @@
+#include <climits>
+#include <limits>
 #include <thread>
 
 #include <QtTest>
@@ -53,6 +55,34 @@ private Q_SLOTS:
         reply.data()->finish();
         waiter.join();
         QVERIFY(finished);
+    }
+
+    // ULONG_MAX is "no limit" whatever the width of unsigned long: with a
+    // 32-bit one (armhf) it fits a 64-bit count and used to become a
+    // deadline 49.7 days away; counts below it are deadlines of that length.
+    void deadlineOfAWait_data()
+    {
+        QTest::addColumn<qulonglong>("msecs");
+        QTest::addColumn<bool>("noLimit");
+        QTest::newRow("zero") << qulonglong(0) << false;
+        QTest::newRow("one second") << qulonglong(1000) << false;
+        QTest::newRow("49 days") << qulonglong(49ULL * 24 * 3600 * 1000) << false;
+        QTest::newRow("ULONG_MAX - 1") << qulonglong(ULONG_MAX - 1) << (qulonglong(ULONG_MAX) - 1 > qulonglong(LLONG_MAX));
+        QTest::newRow("ULONG_MAX") << qulonglong(ULONG_MAX) << true;
+    }
+
+    void deadlineOfAWait()
+    {
+        QFETCH(qulonglong, msecs);
+        QFETCH(bool, noLimit);
+        const QDeadlineTimer deadline = CMReplyAbstractData::deadlineFor(static_cast<unsigned long>(msecs));
+        QCOMPARE(deadline.isForever(), noLimit);
+        if (!noLimit) {
+            // Never an already passed deadline, never one longer than asked.
+            const qint64 remaining = deadline.remainingTime();
+            QVERIFY2(remaining >= 0 && static_cast<qulonglong>(remaining) <= msecs, qPrintable(QString::number(remaining)));
+            QVERIFY(msecs < 1000 || static_cast<qulonglong>(remaining) + 1000 >= msecs);
+        }
     }
 
     void sharesItselfWithVoidReplies()

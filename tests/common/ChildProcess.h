@@ -8,6 +8,8 @@
 #include <QString>
 #include <QtTest>
 
+#include "EmulatedProgram.h"
+
 // Fatal paths (assertions, fatal log lines) end the process, so they run in
 // a child: the test binary starts itself again with TARV_TEST_CHILD set to a
 // scenario name. Either main() runs only that scenario
@@ -36,7 +38,7 @@ inline ChildResult runChildScenario(const QString& scenario, int timeoutMs = 100
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("TARV_TEST_CHILD"), scenario);
     child.setProcessEnvironment(env);
-    child.start(QCoreApplication::applicationFilePath(), arguments);
+    EmulatedProgram::start(child, QCoreApplication::applicationFilePath(), arguments);
     ChildResult result;
     result.finished = child.waitForFinished(timeoutMs);
     if (!result.finished) {

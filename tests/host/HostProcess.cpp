@@ -10,6 +10,8 @@
 #include <QUdpSocket>
 #include <QUrl>
 
+#include "EmulatedProgram.h"
+
 HostProcess::HostProcess(const QString& binary, const QString& module, const QString& workDirectory)
     : m_binary(binary)
     , m_module(module)
@@ -75,11 +77,14 @@ bool HostProcess::start(const QStringList& extraArguments, QString* error, int t
     m_requestPort = 0;
     m_process.setStandardOutputFile(m_logFile, QIODevice::Append);
     m_process.setStandardErrorFile(m_logFile, QIODevice::Append);
-    m_process.start(m_binary, arguments(extraArguments));
+    EmulatedProgram::start(m_process, m_binary, arguments(extraArguments));
     if (!m_process.waitForStarted(5000)) {
         *error = QStringLiteral("cannot start %1: %2").arg(m_binary, m_process.errorString());
         return false;
     }
+    // An emulated host (a cross build's tests under qemu-user) translates
+    // its code on first use and starts several times slower.
+    timeoutMs = EmulatedProgram::scaled(timeoutMs);
     // The ready line names the API's URL (the port was left to the host) and the id.
     static const QRegularExpression ready(QStringLiteral("tarv-host ready: api (http://\\S+) id (\\S+)"));
     QElapsedTimer elapsed;

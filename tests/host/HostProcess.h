@@ -42,8 +42,9 @@ public:
     // ways; the ports are those of the last start(), or new ones before it.
     QStringList arguments(const QStringList& extraArguments = QStringList());
 
-    // Starts the host and waits for its "tarv-host ready" line; on failure
-    // says why, with what the host printed.
+    // Starts the host and waits for its "tarv-host ready" line (scaled by
+    // EmulatedProgram::slowdown() for an emulated one); on failure says why, with what the host
+    // printed.
     bool start(const QStringList& extraArguments, QString* error, int timeoutMs = 10000);
     // Sends `signalNumber`, then waits for the exit; true when it ended
     // cleanly with 0.

@@ -22,6 +22,7 @@
 
 #include <httplib.h>
 
+#include "EmulatedProgram.h"
 #include "HostProcess.h"
 #include "SlowClients.h"
 
@@ -86,7 +87,7 @@ private:
     static std::tuple<int, QString, QString> run(const QStringList& arguments)
     {
         QProcess process;
-        process.start(QStringLiteral(TARV_HOST_BINARY), arguments);
+        EmulatedProgram::start(process, QStringLiteral(TARV_HOST_BINARY), arguments);
         if (!process.waitForFinished(10000))
             return {-1, QString(), QString()};
         return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
@@ -380,7 +381,8 @@ private Q_SLOTS:
             return QJsonObject();
         };
         const QJsonObject reachableB{{"address", "127.0.0.1"}, {"port", b->apiPort()}};
-        QTRY_COMPARE_WITH_TIMEOUT(houseRow(*a, b->id()).value("api"), QJsonValue(reachableB), 5000);
+        QTRY_VERIFY2_WITH_TIMEOUT(houseRow(*a, b->id()).value("api") == QJsonValue(reachableB),
+                                  QJsonDocument(houseRow(*a, b->id())).toJson(QJsonDocument::Compact).constData(), 5000);
         QTRY_COMPARE_WITH_TIMEOUT(houseRow(*b, a->id()).value("name"), QJsonValue("A"), 5000);
         QCOMPARE(houseRow(*b, a->id()).value("api"), QJsonValue(QJsonValue::Null));
         QCOMPARE(houseRow(*a, a->id()).value("api"), QJsonValue(QJsonValue::Null));
@@ -470,6 +472,12 @@ private Q_SLOTS:
         int acknowledged = 0;
         int sent = 0;
         int leftTemporary = 0;
+        // Until a kill leaves one of the written names in the settings file,
+        // a start has the default name: a kill can land before the first
+        // write is done (most often where the host runs slowly, as under
+        // emulation).
+        bool persisted = false;
+        QString defaultName;
         QElapsedTimer clock;
         clock.start();
         for (int round = 0; round < 200; ++round) {
@@ -478,9 +486,14 @@ private Q_SLOTS:
             QVERIFY2(!QFile::exists(settings + QStringLiteral(".tmp")), "the leftover was not discarded");
             QVERIFY2(data.entryList({QStringLiteral("settings.json.corrupt-*")}).isEmpty(),
                      qPrintable(QStringLiteral("round %1 (seed %2) found a broken file").arg(round).arg(seed)));
-            if (round > 0) {
-                const QString name =
-                    get(*host, valueOf("/settings/device/name")).value("value").toObject().value("string_").toString();
+            const QString name =
+                get(*host, valueOf("/settings/device/name")).value("value").toObject().value("string_").toString();
+            if (round == 0) {
+                defaultName = name;
+            } else if (!persisted) {
+                QCOMPARE(acknowledged, 0);
+                QCOMPARE(name, defaultName);
+            } else {
                 const int found = name.mid(1).toInt();
                 QVERIFY2(name.startsWith(QLatin1Char('n')) && found >= acknowledged && found <= sent,
                          qPrintable(QStringLiteral("round %1 (seed %2): found '%3', acknowledged n%4, sent up to n%5")
@@ -515,6 +528,11 @@ private Q_SLOTS:
                 const QJsonObject stored = QJsonDocument::fromJson(file.readAll()).object();
                 QCOMPARE(stored.value("format").toInt(), 1);
                 QVERIFY(stored.value("values").toObject().contains("/settings/device/name"));
+                const QJsonValue storedName = stored.value("values").toObject().value("/settings/device/name");
+                persisted = persisted
+                            || (storedName.isString() ? storedName.toString()
+                                                      : storedName.toObject().value("string_").toString())
+                                   .startsWith(QLatin1Char('n'));
             } else {
                 QCOMPARE(acknowledged, 0);
             }

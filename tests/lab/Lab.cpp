@@ -101,9 +101,11 @@ bool Lab::up(int devices, const QStringList& options)
 {
     // A lab of this name left over by a killed run is taken down first.
     run({QStringLiteral("down")});
-    // `up` waits longer for more devices (its bounds grow with the count).
+    // `up` waits longer for more devices (its bounds grow with the count)
+    // and for emulated ones.
+    const int emulated = static_cast<int>(options.count(QStringLiteral("--emulate")));
     const int code = run(QStringList{QStringLiteral("up"), QString::number(devices)} + options, nullptr,
-                         60000 + devices * 2000);
+                         60000 + devices * 2000 + emulated * 60000);
     m_up = code == 0;
     if (m_up)
         status();

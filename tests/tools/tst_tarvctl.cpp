@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "CannedServer.h"
+#include "EmulatedProgram.h"
 #include "HostProcess.h"
 #include "RawTcpServer.h"
 
@@ -34,7 +35,7 @@ Run ctl(const QStringList& arguments, const QString& api = QString())
     if (!api.isEmpty())
         environment.insert(QStringLiteral("TARV_API"), api);
     process.setProcessEnvironment(environment);
-    process.start(QStringLiteral(TARVCTL_BINARY), arguments);
+    EmulatedProgram::start(process, QStringLiteral(TARVCTL_BINARY), arguments);
     Run result;
     if (!process.waitForFinished(15000)) {
         process.kill();
@@ -461,7 +462,7 @@ void tst_tarvctl::watchSeesTheValueEventOfASet()
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("TARV_API", m_host->api());
     watch.setProcessEnvironment(environment);
-    watch.start(TARVCTL_BINARY, {"--verbose", "watch", "/settings/streaming/requestTimeout", "--count", "1",
+    EmulatedProgram::start(watch, TARVCTL_BINARY, {"--verbose", "watch", "/settings/streaming/requestTimeout", "--count", "1",
                                  "--timeout-ms", "8000"});
     QVERIFY(watch.waitForStarted(5000));
     watch.setReadChannel(QProcess::StandardError);
@@ -526,7 +527,7 @@ void tst_tarvctl::uiShowsJoinsAndLeavesTheGroupingList()
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("TARV_API", kitchen.api());
     watch.setProcessEnvironment(environment);
-    watch.start(TARVCTL_BINARY, {"--verbose", "ui", "--watch", "--count", "2", "--timeout-ms", "10000"});
+    EmulatedProgram::start(watch, TARVCTL_BINARY, {"--verbose", "ui", "--watch", "--count", "2", "--timeout-ms", "10000"});
     QVERIFY(watch.waitForStarted(5000));
     QByteArray err;
     elapsed.restart();

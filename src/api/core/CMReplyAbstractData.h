@@ -2,6 +2,7 @@
 
 #include <climits>
 
+#include <QDeadlineTimer>
 #include <QEnableSharedFromThis>
 #include <QMutex>
 #include <QWaitCondition>
@@ -24,6 +25,10 @@ public:
     // or any limit beyond a signed 64-bit count: no limit). True when the
     // reply is finished.
     bool waitForFinished(unsigned long msecs = ULONG_MAX) const;
+    // The deadline waitForFinished(msecs) keeps: ULONG_MAX has no limit
+    // also where unsigned long is 32 bits wide (there, as a count, it would
+    // be 49.7 days).
+    static QDeadlineTimer deadlineFor(unsigned long msecs);
 
     // Finishes with an error. No effect on a finished reply.
     void setError(const CMError& error);

@@ -123,7 +123,7 @@ private Q_SLOTS:
     void workerCreateIsTheOnlyExportedSymbol()
     {
         QProcess nm;
-        nm.start(QStringLiteral("nm"), {QStringLiteral("-D"), QStringLiteral("--defined-only"),
+        nm.start(QStringLiteral(TARV_TEST_NM), {QStringLiteral("-D"), QStringLiteral("--defined-only"),
                                         QStringLiteral(TARV_SIMPLEGROUPING_MODULE)});
         QVERIFY2(nm.waitForFinished(10000), qPrintable(nm.errorString()));
         QCOMPARE(nm.exitCode(), 0);
