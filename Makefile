@@ -18,7 +18,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-cross check-package test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-json soak clean
+.PHONY: all deps configure build test test-cross check-package test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-house bench-json bench-instructions soak clean
 
 all: build
 
@@ -106,8 +106,14 @@ bench-lab: build
 bench-scale: build
 	bash scripts/bench-scale
 
+bench-house: build
+	bash scripts/bench-house
+
 bench-json: build
 	bash scripts/bench-json
+
+bench-instructions: build
+	bash scripts/bench-instructions
 
 soak: build
 	bash scripts/soak

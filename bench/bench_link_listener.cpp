@@ -24,12 +24,14 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QUdpSocket>
-#include <QUuid>
 
 #include <tarv>
 
+#include "LinkBenchSupport.h"
 #include "ReceiverLinkTestSupport.h"
 #include "SimpleGroupingSocket.h"
+
+using namespace LinkBenchSupport;
 
 namespace {
 
@@ -86,43 +88,6 @@ int udpSocket(int family)
         std::exit(1);
     }
     return fd;
-}
-
-// A receiver's own record as it goes out in every "add": about 300 bytes.
-QByteArray realisticAdd()
-{
-    TarvList<QString> group;
-    for (int i = 0; i < 2; ++i)
-        group.append(QUuid::createUuid().toString(QUuid::WithoutBraces));
-    const TarvSystemMember member = TarvSystemMember()
-                                        .setId(QUuid::createUuid().toString(QUuid::WithoutBraces))
-                                        .setName(QStringLiteral("Living Room Speaker"))
-                                        .setHost(QStringLiteral("living-room-speaker.local"))
-                                        .setIpAddress(QStringLiteral("192.168.178.42"))
-                                        .setTranscoder(false)
-                                        .setPersistentGroupTimestamp(Q_INT64_C(1700000000123))
-                                        .setPersistentGroupMembers(group);
-    return "add" + member.toJsonString().toUtf8();
-}
-
-QByteArray filler(const char* start, int size)
-{
-    QByteArray bytes(start);
-    while (bytes.size() < size)
-        bytes.append(static_cast<char>('a' + bytes.size() % 26));
-    return bytes;
-}
-
-void sendBatch(int sender, const sockaddr_in& to, const QByteArray& payload, int count)
-{
-    for (int i = 0; i < count; ++i) {
-        if (::sendto(sender, payload.constData(), static_cast<size_t>(payload.size()), 0,
-                     reinterpret_cast<const sockaddr*>(&to), sizeof to)
-            < 0) {
-            std::perror("sendto");
-            std::exit(1);
-        }
-    }
 }
 
 // Takes whatever is still queued; returns how many datagrams that was.
@@ -203,20 +168,15 @@ int main(int argc, char** argv)
     const int batch = qBound(16, granted / 4096, 2000);
 
     const int sender = udpSocket(AF_INET);
-    sockaddr_in toListener {};
-    toListener.sin_family = AF_INET;
-    toListener.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    toListener.sin_port = htons(TarvRequestPort());
-    sockaddr_in toRaw = toListener;
-    toRaw.sin_port = htons(boundPort(rawFd));
-    sockaddr_in toQt = toListener;
-    toQt.sin_port = htons(qtSocket.localPort());
+    const sockaddr_in toListener = loopbackTo(TarvRequestPort());
+    const sockaddr_in toRaw = loopbackTo(boundPort(rawFd));
+    const sockaddr_in toQt = loopbackTo(qtSocket.localPort());
 
     const QByteArray add = realisticAdd();
     const QList<Kind> kinds{
         {"valid add", add},
-        {"garbage", filler("GET / HTTP/1.1 ", add.size())},
-        {"add, bad JSON", filler("add{\"id\":", add.size())},
+        {"garbage", garbage(add.size())},
+        {"add, bad JSON", brokenAdd(add.size())},
     };
 
     std::vector<char> buffer(65536);

@@ -135,6 +135,9 @@ struct Flood {
     int joinsLost = 0, apiFailed = 0, followersDropped = 0, stillListed = 0;
     double cpuPercent = 0;
     qint64 rssBeforeKb = 0, rssAfterKb = 0, logGrowth = 0;
+    // Lines of the flooded host's log about each kind of datagram: written
+    // as they came, and summaries of those suppressed.
+    int garbageLines = 0, garbageSummaries = 0, badJsonLines = 0, badJsonSummaries = 0;
     QString sender;
 };
 
@@ -367,6 +370,19 @@ int main(int argc, char** argv)
         const int joiner = master + FloodFollowers + 1;
         const QString idMaster = ids.at(master - 1);
         const QString idJoiner = ids.at(joiner - 1);
+        // The flooded host logs as installed (its repeat limit and all):
+        // the log a device would write. It is restarted to read it.
+        {
+            QFile installed(QStringLiteral(TARV_SOURCE_DIR "/packaging/log4cplus.properties"));
+            QFile runConfig(lab.runDir() + QStringLiteral("/log.properties"));
+            if (!installed.open(QIODevice::ReadOnly) || !runConfig.open(QIODevice::WriteOnly)
+                || runConfig.write(installed.readAll()) < 0)
+                return fail(QStringLiteral("the installed log configuration could not be given to the lab"), lab);
+        }
+        if (lab.run({QStringLiteral("restart"), QStringLiteral("dev%1").arg(master)}, nullptr, 60000) != 0)
+            return fail(QStringLiteral("dev%1 did not restart with the installed log configuration").arg(master), lab);
+        // Its new process id, for the CPU and RSS figures below.
+        lab.status();
         LabApi m(lab.api(master));
         LabEventStream eventsM(lab.api(master));
         if (!eventsM.open())
@@ -432,7 +448,24 @@ int main(int argc, char** argv)
         flood.cpuPercent = 100.0 * double(cpuTicks(pidM) - ticks0) / double(sysconf(_SC_CLK_TCK)) / floodWallS;
         flood.rssBeforeKb = rss0;
         flood.rssAfterKb = statusKb(pidM, "VmRSS");
+        // What the log says of each kind of refused datagram, with the
+        // summaries of the flood's last windows (IntervalMs of the installed
+        // configuration, 10 s), which count as its growth too.
+        QTest::qWait(11000);
         flood.logGrowth = logBytes(logPath) - logBefore;
+        {
+            QFile logFile(logPath);
+            if (logFile.open(QIODevice::ReadOnly) && logFile.size() >= logBefore && logFile.seek(logBefore)) {
+                const QList<QByteArray> lines = logFile.readAll().split('\n');
+                for (const QByteArray& line : lines) {
+                    const bool summary = line.contains(" Suppressed ");
+                    if (line.contains("Dropping garbage packet"))
+                        ++(summary ? flood.garbageSummaries : flood.garbageLines);
+                    else if (line.contains("Incorrect JSON data, dropping garbage packet"))
+                        ++(summary ? flood.badJsonSummaries : flood.badJsonLines);
+                }
+            }
+        }
         // One more resend period for a wrong drop to show.
         QTest::qWait(ResendMs + 500);
         for (int i = fromFlood; i < eventsM.size(); ++i) {
@@ -485,6 +518,10 @@ int main(int argc, char** argv)
                     qPrintable(flood.sender), flood.followersDropped, flood.stillListed, FloodFollowers,
                     flood.joinsLost, flood.apiFailed, flood.cpuPercent, double(flood.rssBeforeKb) / 1024.0,
                     double(flood.rssAfterKb) / 1024.0, double(flood.logGrowth) / 1048576.0);
+        std::printf("flood log (installed configuration, %lld bytes): garbage %d lines and %d summaries, bad JSON %d "
+                    "lines and %d summaries\n",
+                    static_cast<long long>(flood.logGrowth), flood.garbageLines, flood.garbageSummaries,
+                    flood.badJsonLines, flood.badJsonSummaries);
     }
 
     if (!lab.down())

@@ -24,7 +24,14 @@ struct Source
 const Source sources[] = {
     {"/", ":/web/index.html", "text/html; charset=utf-8"},
     {"/web/app.css", ":/web/app.css", "text/css; charset=utf-8"},
+    // The script is a set of ES modules, each fetched by its own URL; the
+    // entry (app.js) imports the others.
     {"/web/app.js", ":/web/app.js", "text/javascript; charset=utf-8"},
+    {"/web/api.js", ":/web/api.js", "text/javascript; charset=utf-8"},
+    {"/web/connection.js", ":/web/connection.js", "text/javascript; charset=utf-8"},
+    {"/web/deviceView.js", ":/web/deviceView.js", "text/javascript; charset=utf-8"},
+    {"/web/dom.js", ":/web/dom.js", "text/javascript; charset=utf-8"},
+    {"/web/houseView.js", ":/web/houseView.js", "text/javascript; charset=utf-8"},
 };
 
 // Read once, on first use; the HTTP threads then only read the map.

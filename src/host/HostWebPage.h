@@ -4,7 +4,8 @@
 
 // The web page at "/": the device's grouping UI in a browser, a client of
 // the module's node tree through the control API. Its files (index.html and,
-// under /web/, app.css and app.js; source in web/) are compiled in as a Qt
+// under /web/, app.css and the ES modules app.js, api.js, connection.js,
+// deviceView.js, dom.js, houseView.js; source in web/) are compiled in as a Qt
 // resource, so the host serves them without files of its own on the device.
 // Safe to call from any thread.
 class HostWebPage

@@ -115,6 +115,7 @@ QJsonObject CtlHouseCommand::houseOf(const QString& selfId, const CtlHouse& hous
 
     QJsonArray groups;
     QList<const CtlHouse::Device*> placed;
+    QList<const CtlHouse::Device*> lone;
     for (const CtlHouse::Device* transcoder : qAsConst(transcoders)) {
         QJsonArray followers;
         for (const CtlHouse::Device* device : qAsConst(others)) {
@@ -123,16 +124,25 @@ QJsonObject CtlHouseCommand::houseOf(const QString& selfId, const CtlHouse& hous
                 placed.append(device);
             }
         }
+        // A transcoder nobody follows plays on its own: people see a group
+        // only where rooms play together.
+        if (followers.isEmpty()) {
+            lone.append(transcoder);
+            continue;
+        }
         groups.append(QJsonObject{{QStringLiteral("transcoder"), deviceEntry(*transcoder, selfId, house)},
                                   {QStringLiteral("followers"), followers}});
     }
-    // Following nobody, a device whose master is unknown, or one that is no
-    // transcoder here: not part of any group this host can show.
-    QJsonArray alone;
+    // Besides lone transcoders: a device following nobody, one whose master
+    // is unknown, or one following a device that is no transcoder here.
     for (const CtlHouse::Device* device : qAsConst(others)) {
         if (!placed.contains(device))
-            alone.append(deviceEntry(*device, selfId, house));
+            lone.append(device);
     }
+    std::sort(lone.begin(), lone.end(), before);
+    QJsonArray alone;
+    for (const CtlHouse::Device* device : qAsConst(lone))
+        alone.append(deviceEntry(*device, selfId, house));
     return QJsonObject{{QStringLiteral("self"), selfId},
                        {QStringLiteral("groups"), groups},
                        {QStringLiteral("alone"), alone},
@@ -180,7 +190,9 @@ QString CtlHouseCommand::text(const QJsonObject& house)
         const QString master = ::text(device.value(QStringLiteral("master")));
         const QString id = ::text(device.value(QStringLiteral("id")));
         QString follows;
-        if (master.isEmpty())
+        if (device.value(QStringLiteral("transcoder")).toBool())
+            follows = QStringLiteral("transcoder");
+        else if (master.isEmpty())
             follows = QStringLiteral("master unknown");
         else if (master == id)
             follows = QStringLiteral("follows nobody");

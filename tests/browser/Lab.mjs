@@ -101,4 +101,11 @@ export class DeviceApi {
   rows(path) { return this.call("GET", "rows", path); }
   async value(path) { return (await this.call("GET", "value", path)).value; }
   invoke(path, body = {}) { return this.call("POST", "invoke", path, body); }
+
+  // The transcoder device `id` follows (its own id when alone) as this
+  // device's /grouping/members lists it; null when it is not listed.
+  async masterOf(id) {
+    const own = (await this.rows("/grouping/members")).rows.find(row => row.id === id);
+    return own ? own.value.groupingMember.master.id : null;
+  }
 }

@@ -1,14 +1,14 @@
-// The device's web page in a real browser: headless Chromium on the pages of
-// a three-device lab (each host's API on its device address, port 8080),
+// The device's web page, its "This device" view (opened at /#/device), in a
+// real browser: headless Chromium on the pages of a three-device lab (each host's API on its device address, port 8080),
 // driven as a user would (clicks, keys, a form), checked against the
 // devices' control APIs. Every test saves a screenshot of the pages it used
 // under BUILD_DIR/browser/.
 import { after, before, test } from "node:test";
 import assert from "node:assert/strict";
-import fs from "node:fs";
 import path from "node:path";
 import { Browser } from "./Browser.mjs";
 import { DeviceApi, Lab } from "./Lab.mjs";
+import { click, screenshot, until, whenShown } from "./PageHelpers.mjs";
 
 // Exit code ctest reads as "skipped" (SKIP_RETURN_CODE).
 const skipCode = 77;
@@ -33,25 +33,6 @@ const shots = path.join(lab.buildDir, "browser");
 
 function origin(n) { return lab.api(n); }
 
-// Polls `check` (async, returns a truthy value when done) every 50 ms, at
-// most `timeoutMs`; fails with `what` and the last value seen.
-async function until(what, timeoutMs, check) {
-  const deadline = Date.now() + timeoutMs;
-  let last;
-  for (;;) {
-    try {
-      last = await check();
-      if (last)
-        return last;
-    } catch (e) {
-      last = e.message;
-    }
-    if (Date.now() > deadline)
-      assert.fail(what + " within " + timeoutMs + " ms; last seen: " + JSON.stringify(last));
-    await new Promise(resolve => setTimeout(resolve, 50));
-  }
-}
-
 // The list as a page shows it.
 function shownList(page) {
   return page.evaluate(() => ({
@@ -66,15 +47,6 @@ function shownList(page) {
       };
     }),
   }));
-}
-
-// Waits until `predicate` (run in the page at every DOM change; it returns
-// the page's Date.now() once what it waits for is shown, else false) holds,
-// and returns that time. The page's own policy forbids eval, so each
-// predicate is a plain function that puppeteer runs as it is.
-async function whenShown(page, timeoutMs, predicate, ...args) {
-  const handle = await page.waitForFunction(predicate, { polling: "mutation", timeout: timeoutMs }, ...args);
-  return handle.jsonValue();
 }
 
 function followedRowIs(id, timeoutMs = redrawMs) {
@@ -117,23 +89,7 @@ function notBusy(page) {
   return whenShown(page, 2000, () => !document.getElementById("grouping").hasAttribute("aria-busy") && Date.now());
 }
 
-// Input and screenshots go to the tab in front: headless Chromium ends
-// itself when a tab in the background gets them.
-async function click(page, selector, options) {
-  await page.bringToFront();
-  // The page redraws as events arrive: an element replaced between being
-  // found and being clicked is found again (a few times at most).
-  for (let attempt = 1; ; ++attempt) {
-    try {
-      await page.click(selector, options);
-      return;
-    } catch (error) {
-      if (attempt >= 5 || !/detached/i.test(String(error && error.message)))
-        throw error;
-    }
-  }
-}
-
+// In front first, as click() does.
 async function tap(page, selector) {
   await page.bringToFront();
   await page.tap(selector);
@@ -143,11 +99,7 @@ function rowButton(id) {
   return "#grouping-rows li[data-id=\"" + id + "\"] button";
 }
 
-async function masterOf(n) {
-  const rows = (await api[n].rows("/grouping/members")).rows;
-  const own = rows.find(row => row.id === lab.id(n));
-  return own ? own.value.groupingMember.master.id : null;
-}
+function masterOf(n) { return api[n].masterOf(lab.id(n)); }
 
 // Every device on its own again, and every open page showing it.
 async function ungroupAll() {
@@ -170,12 +122,6 @@ async function ungroupAll() {
     });
 }
 
-async function screenshot(name, page) {
-  fs.mkdirSync(shots, { recursive: true });
-  await page.bringToFront();
-  await page.screenshot({ path: path.join(shots, name + ".png"), fullPage: true });
-}
-
 // Runs a test's body and saves a screenshot of each named page afterwards,
 // passed or failed; a failure also prints the devices' last log lines.
 function browserTest(name, shotsOf, body) {
@@ -188,7 +134,7 @@ function browserTest(name, shotsOf, body) {
       throw e;
     } finally {
       for (const [suffix, key] of Object.entries(shotsOf))
-        await screenshot(name.replace(/[^a-z0-9]+/gi, "-").toLowerCase() + "-" + suffix, pages[key]).catch(() => {});
+        await screenshot(shots, name.replace(/[^a-z0-9]+/gi, "-").toLowerCase() + "-" + suffix, pages[key]).catch(() => {});
     }
   });
 }
@@ -200,10 +146,10 @@ before(async () => {
   for (const n of [1, 2, 3])
     api[n] = new DeviceApi(origin(n));
   await browser.launch();
-  pages.dev1 = await browser.open(origin(1) + "/");
-  pages.dev2 = await browser.open(origin(2) + "/");
-  pages.dev2b = await browser.open(origin(2) + "/");
-  pages.dev3 = await browser.open(origin(3) + "/");
+  pages.dev1 = await browser.open(origin(1) + "/#/device");
+  pages.dev2 = await browser.open(origin(2) + "/#/device");
+  pages.dev2b = await browser.open(origin(2) + "/#/device");
+  pages.dev3 = await browser.open(origin(3) + "/#/device");
   // Set once; a reload would lose it.
   for (const page of Object.values(pages))
     await page.evaluate(() => { window.notReloaded = true; });
@@ -353,7 +299,7 @@ browserTest("the keyboard alone joins and leaves, and focus stays on the row", {
 
 browserTest("a phone-sized screen gets one column and a tap joins", { phone: "phone" }, async () => {
   await ungroupAll();
-  pages.phone = await browser.open(origin(3) + "/",
+  pages.phone = await browser.open(origin(3) + "/#/device",
                                    { width: 375, height: 740, isMobile: true, hasTouch: true, deviceScaleFactor: 2 });
   const page = pages.phone;
   await transcodersViewWith([lab.id(1), lab.id(2)])(page);
@@ -362,7 +308,9 @@ browserTest("a phone-sized screen gets one column and a tap joins", { phone: "ph
       const r = document.getElementById(id).getBoundingClientRect();
       return { top: r.top, bottom: r.bottom, width: r.width };
     };
-    const buttons = Array.from(document.querySelectorAll("button"), b => b.getBoundingClientRect());
+    // The view not shown (the House) is hidden, its buttons have no size.
+    const buttons = Array.from(document.querySelectorAll("button"), b => b.getBoundingClientRect())
+      .filter(r => r.width > 0);
     return {
       scrollWidth: document.documentElement.scrollWidth,
       innerWidth: window.innerWidth,
@@ -436,7 +384,7 @@ browserTest("an empty name with other members shows the module's error and saves
 browserTest("a group saved from the page is written, shown on every tab, followed and cleared",
             { dev1: "dev1", dev2: "dev2" }, async () => {
   const page = pages.dev1;
-  const second = await browser.open(origin(1) + "/");
+  const second = await browser.open(origin(1) + "/#/device");
   try {
     const dev2Box = "#save-members input[value=\"" + lab.id(2) + "\"]";
     if (!(await page.$eval(dev2Box, box => box.checked)))
@@ -495,7 +443,7 @@ browserTest("a killed host shows the error state and its restart recovers the pa
   await whenShown(page, 3000, () => document.getElementById("connection").dataset.state === "offline" && Date.now());
   assert.equal(await page.$eval("#connection", e => e.textContent), "Cannot reach the device; trying again…");
   assert.equal(await page.evaluate(() => document.body.classList.contains("offline")), true);
-  await screenshot("a-killed-host-offline", page);
+  await screenshot(shots, "a-killed-host-offline", page);
   // An activation meanwhile fails with the network error, not silently.
   await click(page, "#leave");
   await startsWith("grouping-error", "Cannot reach the device (")(page);

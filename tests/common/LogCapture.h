@@ -41,6 +41,8 @@ public:
     QStringList messages(log4cplus::LogLevel level, const QString& logger = QString()) const;
     // For failure output: every event as "LEVEL logger: message".
     QString dump() const;
+    // The capturing appender, e.g. to put a filter on it.
+    log4cplus::SharedAppenderPtr appender() const { return m_appender; }
 
 private:
     class Appender;

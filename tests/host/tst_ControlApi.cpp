@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -23,30 +22,16 @@
 #include "CMRootWorker.h"
 #include "ControlApi.h"
 #include "EventStream.h"
-#include "HostConfig.h"
 #include "HostWebPage.h"
 #include "HostWorker.h"
+#include "InProcessApi.h"
 #include "LogCapture.h"
 #include "TarvPaths.h"
 #include "TarvValue.h"
 
 namespace {
 
-struct Answer
-{
-    int status = 0;
-    std::string body;
-    httplib::Headers headers;
-
-    QJsonObject json() const { return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object(); }
-    QJsonObject error() const { return json().value(QStringLiteral("error")).toObject(); }
-    QString message() const { return error().value(QStringLiteral("message")).toString(); }
-    std::string header(const char* name) const
-    {
-        const auto it = headers.find(name);
-        return it == headers.end() ? std::string() : it->second;
-    }
-};
+using Answer = InProcessApi::Answer;
 
 std::string query(const char* endpoint, const QString& path)
 {
@@ -144,62 +129,18 @@ private:
     CMListRowsNode* m_list = nullptr;
     std::unique_ptr<ControlApi> m_api;
 
-    static ControlApi::Options apiOptions()
-    {
-        ControlApi::Options options;
-        options.address = QHostAddress(QHostAddress::LocalHost);
-        options.port = 0;
-        options.allowedHosts << QStringLiteral("tarv-test.local");
-        options.version = QStringLiteral("9.8.7");
-        return options;
-    }
-
-    // The API hands its work to this thread's event loop, so the client runs
-    // in a thread of its own while this one keeps the loop turning.
-    static Answer request(quint16 port, const std::string& method, const std::string& target,
-                          const std::string& body = std::string(), const httplib::Headers& headers = {})
-    {
-        auto future = std::async(std::launch::async, [=] {
-            httplib::Client client("127.0.0.1", port);
-            client.set_read_timeout(15);
-            httplib::Request req;
-            req.method = method;
-            req.path = target;
-            req.headers = headers;
-            req.body = body;
-            if (!body.empty())
-                req.set_header("Content-Type", "application/json");
-            Answer answer;
-            if (auto result = client.send(req)) {
-                answer.status = result->status;
-                answer.body = result->body;
-                answer.headers = result->headers;
-            } else {
-                answer.status = -static_cast<int>(result.error());
-            }
-            return answer;
-        });
-        const QDeadlineTimer deadline(20000);
-        while (future.wait_for(std::chrono::milliseconds(2)) != std::future_status::ready && !deadline.hasExpired())
-            QCoreApplication::processEvents();
-        return future.get();
-    }
-
     Answer call(const std::string& method, const std::string& target, const std::string& body = std::string(),
                 const httplib::Headers& headers = {})
     {
-        return request(m_api->port(), method, target, body, headers);
+        return InProcessApi::request(m_api->port(), method, target, body, headers);
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        HostConfig config;
         QString error;
-        QVERIFY(config.parse({"tarv-host", "--name", "Kitchen", "--host-name", "tarv-test.local", "--address",
-                              "127.0.0.1"},
-                             &error));
-        m_host = std::make_unique<HostWorker>(config, QStringLiteral("dev-1"), QVariantHash(), nullptr);
+        m_host = InProcessApi::makeHost(QStringLiteral("dev-1"), &error);
+        QVERIFY2(m_host, qPrintable(error));
         m_nodes = std::make_unique<CMNodes>();
         CMActivateNode::create(m_nodes.get(), CMPath("/test/echo"))->setInvoke(&m_handlers, &Handlers::echo);
         CMActivateNode::create(m_nodes.get(), CMPath("/test/refuse"))->setInvoke(&m_handlers, &Handlers::refuse);
@@ -208,7 +149,7 @@ private Q_SLOTS:
         m_list = CMListRowsNode::create(m_nodes.get(), CMPath("/test/list"));
         m_list->setTitle(TrString("Test list"));
         m_list->rowsAppend(TarvRoles().setId(QStringLiteral("r1")).setTitle(QStringLiteral("Row one")).setType(TarvRolesType::Follower));
-        m_api = std::make_unique<ControlApi>(apiOptions());
+        m_api = std::make_unique<ControlApi>(InProcessApi::options());
         QVERIFY2(m_api->start(&error), qPrintable(error));
         QVERIFY(m_api->port() != 0);
         QCOMPARE(m_api->url(), QStringLiteral("http://127.0.0.1:%1").arg(m_api->port()));
@@ -659,6 +600,7 @@ private Q_SLOTS:
         QTest::newRow("page") << "/" << "text/html; charset=utf-8";
         QTest::newRow("style") << "/web/app.css" << "text/css; charset=utf-8";
         QTest::newRow("script") << "/web/app.js" << "text/javascript; charset=utf-8";
+        QTest::newRow("module") << "/web/houseView.js" << "text/javascript; charset=utf-8";
     }
 
     void theWebPagesFilesAreServed()
@@ -685,7 +627,7 @@ private Q_SLOTS:
 
     void stoppingAnswersWaitingRequestsAtOnce()
     {
-        ControlApi api(apiOptions());
+        ControlApi api(InProcessApi::options());
         QString error;
         QVERIFY2(api.start(&error), qPrintable(error));
         const quint16 port = api.port();
@@ -710,7 +652,7 @@ private Q_SLOTS:
 
     void aRequestThatSlipsInWhileStoppingIsAnsweredAtOnce()
     {
-        ControlApi api(apiOptions());
+        ControlApi api(InProcessApi::options());
         QString error;
         QVERIFY2(api.start(&error), qPrintable(error));
         const quint16 port = api.port();
@@ -749,7 +691,7 @@ private Q_SLOTS:
         // The accept loop may not have started yet when stop() comes; stop()
         // must still end it (a hang here would run into the test's limit).
         for (int round = 0; round < 50; ++round) {
-            ControlApi api(apiOptions());
+            ControlApi api(InProcessApi::options());
             QString error;
             QVERIFY2(api.start(&error), qPrintable(error));
             auto stopped = std::async(std::launch::async, [&api] { api.stop(); });
@@ -760,7 +702,7 @@ private Q_SLOTS:
 
     void tooManyEventStreamsAreRefused()
     {
-        ControlApi api(apiOptions());
+        ControlApi api(InProcessApi::options());
         QString error;
         QVERIFY2(api.start(&error), qPrintable(error));
         const quint16 port = api.port();
@@ -781,7 +723,7 @@ private Q_SLOTS:
             }));
         }
         QTRY_COMPARE_WITH_TIMEOUT(opened->load(), EventStream::MaxSubscribers, 5000);
-        const Answer refused = request(port, "GET", "/api/v1/events");
+        const Answer refused = InProcessApi::request(port, "GET", "/api/v1/events");
         QCOMPARE(refused.status, 503);
         QCOMPARE(refused.message(), QStringLiteral("At most 16 event streams may be open at once"));
         // Stopping ends every open stream.

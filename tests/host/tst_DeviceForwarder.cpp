@@ -26,8 +26,8 @@
 #include "CMRootWorker.h"
 #include "ControlApi.h"
 #include "DeviceForwarder.h"
-#include "HostConfig.h"
 #include "HostWorker.h"
+#include "InProcessApi.h"
 #include "LogCapture.h"
 #include "TarvPaths.h"
 #include "TarvValue.h"
@@ -36,22 +36,7 @@ namespace {
 
 using Params = std::multimap<std::string, std::string>;
 
-struct Answer
-{
-    int status = 0;
-    std::string body;
-    httplib::Headers headers;
-
-    QJsonObject json() const { return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object(); }
-    QJsonObject error() const { return json().value(QStringLiteral("error")).toObject(); }
-    QString name() const { return error().value(QStringLiteral("name")).toString(); }
-    QString message() const { return error().value(QStringLiteral("message")).toString(); }
-    std::string header(const char* name) const
-    {
-        const auto it = headers.find(name);
-        return it == headers.end() ? std::string() : it->second;
-    }
-};
+using Answer = InProcessApi::Answer;
 
 // A request as a fake device's host received it.
 struct Received
@@ -184,12 +169,7 @@ private:
 
     static std::unique_ptr<ControlApi> startApi(const QString& id)
     {
-        ControlApi::Options options;
-        options.address = QHostAddress(QHostAddress::LocalHost);
-        options.allowedHosts << QStringLiteral("tarv-test.local");
-        options.version = QStringLiteral("9.8.7");
-        options.deviceId = id;
-        auto api = std::make_unique<ControlApi>(options);
+        auto api = std::make_unique<ControlApi>(InProcessApi::options(id));
         QString error;
         if (!api->start(&error))
             qFatal("cannot start the control API: %s", qPrintable(error));
@@ -228,64 +208,18 @@ private:
         m_house->rowsRemoveById(id);
     }
 
-    // The APIs hand their work to this thread's event loop, so the client
-    // runs in a thread of its own while this one keeps the loop turning.
-    static std::future<Answer> send(quint16 port, const std::string& method, const std::string& target,
-                                    const std::string& body = std::string(), const httplib::Headers& headers = {})
-    {
-        return std::async(std::launch::async, [=] {
-            httplib::Client client("127.0.0.1", port);
-            client.set_read_timeout(15);
-            client.set_url_encode(false);
-            httplib::Request req;
-            req.method = method;
-            req.path = target;
-            req.headers = headers;
-            req.body = body;
-            if (!body.empty())
-                req.set_header("Content-Type", "application/json");
-            Answer answer;
-            if (auto result = client.send(req)) {
-                answer.status = result->status;
-                answer.body = result->body;
-                answer.headers = result->headers;
-            } else {
-                answer.status = -static_cast<int>(result.error());
-            }
-            return answer;
-        });
-    }
-
-    static Answer wait(std::future<Answer>& future)
-    {
-        const QDeadlineTimer deadline(20000);
-        while (future.wait_for(std::chrono::milliseconds(2)) != std::future_status::ready && !deadline.hasExpired())
-            QCoreApplication::processEvents();
-        return future.get();
-    }
-
-    static Answer request(quint16 port, const std::string& method, const std::string& target,
-                          const std::string& body = std::string(), const httplib::Headers& headers = {})
-    {
-        auto future = send(port, method, target, body, headers);
-        return wait(future);
-    }
-
     Answer call(const std::string& method, const std::string& target, const std::string& body = std::string(),
                 const httplib::Headers& headers = {})
     {
-        return request(m_front->port(), method, target, body, headers);
+        return InProcessApi::request(m_front->port(), method, target, body, headers);
     }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        HostConfig config;
         QString error;
-        QVERIFY(config.parse({"tarv-host", "--name", "Kitchen", "--host-name", "tarv-test.local", "--address",
-                              "127.0.0.1"},
-                             &error));
-        m_host = std::make_unique<HostWorker>(config, QStringLiteral("dev-1"), QVariantHash(), nullptr);
+        m_host = InProcessApi::makeHost(QStringLiteral("dev-1"), &error);
+        QVERIFY2(m_host, qPrintable(error));
         m_members = m_host->membersNode();
         m_nodes = std::make_unique<CMNodes>();
         m_house = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(CMPath("/system/house")));
@@ -433,7 +367,7 @@ private Q_SLOTS:
         QFETCH(QString, query);
         QFETCH(QString, body);
         QFETCH(int, status);
-        const Answer direct = request(m_back->port(), method.toStdString(),
+        const Answer direct = InProcessApi::request(m_back->port(), method.toStdString(),
                                       ("/api/v1/" + endpoint + query).toStdString(), body.toStdString());
         const Answer forwarded =
             call(method.toStdString(), ("/api/v1/devices/dev-2/" + endpoint + query).toStdString(), body.toStdString());
@@ -750,7 +684,7 @@ private Q_SLOTS:
         };
         std::vector<std::future<Answer>> answers;
         for (int i = 0; i < 9; ++i)
-            answers.push_back(send(m_front->port(), "POST",
+            answers.push_back(InProcessApi::send(m_front->port(), "POST",
                                    "/api/v1/devices/dev-c" + std::to_string(i % 3) + "/invoke?path=/a&timeout_ms=15000",
                                    "{}"));
         // Eight held by the fakes, one refused at once.
@@ -782,14 +716,14 @@ private Q_SLOTS:
             fake->release();
         for (auto& answer : answers) {
             if (answer.valid())
-                QCOMPARE(wait(answer).status, 201);
+                QCOMPARE(InProcessApi::wait(answer).status, 201);
         }
         QCOMPARE(reached(), 8);
         // Every slot came back: eight more go through at once.
         for (int i = 0; i < 8; ++i)
-            answers[i] = send(m_front->port(), "GET", "/api/v1/devices/dev-c" + std::to_string(i % 3) + "/host");
+            answers[i] = InProcessApi::send(m_front->port(), "GET", "/api/v1/devices/dev-c" + std::to_string(i % 3) + "/host");
         for (int i = 0; i < 8; ++i)
-            QCOMPARE(wait(answers[i]).status, 201);
+            QCOMPARE(InProcessApi::wait(answers[i]).status, 201);
         for (int i = 0; i < 3; ++i)
             removeDevice(QStringLiteral("dev-c%1").arg(i));
     }
@@ -802,7 +736,7 @@ private Q_SLOTS:
         addDevice(QStringLiteral("dev-o"), QStringLiteral("Other"), apiAt(other.port()));
         std::vector<std::future<Answer>> answers;
         for (int i = 0; i < 4; ++i)
-            answers.push_back(send(m_front->port(), "GET", "/api/v1/devices/dev-s/value?path=/a"));
+            answers.push_back(InProcessApi::send(m_front->port(), "GET", "/api/v1/devices/dev-s/value?path=/a"));
         QTRY_COMPARE_WITH_TIMEOUT(fake.count(), 4, 10000);
         const Answer fifth = call("GET", "/api/v1/devices/dev-s/value?path=/a");
         QCOMPARE(fifth.status, 503);
@@ -812,7 +746,7 @@ private Q_SLOTS:
         QCOMPARE(fake.count(), 4);
         fake.release();
         for (auto& answer : answers)
-            QCOMPARE(wait(answer).status, 201);
+            QCOMPARE(InProcessApi::wait(answer).status, 201);
         // The slots of the device came back.
         QCOMPARE(call("GET", "/api/v1/devices/dev-s/value?path=/a").status, 201);
         removeDevice(QStringLiteral("dev-s"));

@@ -77,15 +77,6 @@ struct Peer
     TarvSystemMember record;
 };
 
-Discovery::House makeHouse(const QString& master, const QString& savedGroupName, quint16 apiPort)
-{
-    Discovery::House result;
-    result.master = master;
-    result.savedGroupName = savedGroupName;
-    result.apiPort = apiPort;
-    return result;
-}
-
 QVariant json(const QByteArray& text)
 {
     return QJsonDocument::fromJson(text).toVariant();
@@ -180,7 +171,7 @@ private Q_SLOTS:
         Peer b(QStringLiteral("b"), options(100));
         QSignalSpy aRows(a.members, &CMListRowsNode::rowChanged);
         QSignalSpy aHouseRows(a.house, &CMListRowsNode::rowChanged);
-        b.setOwnHouse(makeHouse(QStringLiteral("b"), QStringLiteral("Party"), 8080));
+        b.setOwnHouse(Discovery::House{QStringLiteral("b"), QStringLiteral("Party"), 8080});
         QVERIFY(a.start());
         QVERIFY(b.start());
         QTRY_COMPARE_WITH_TIMEOUT(a.members->rowsSize(), 2, 2000);
@@ -504,7 +495,7 @@ private Q_SLOTS:
         a.record.setPersistentGroupMembers({QStringLiteral("a"), QStringLiteral("b")}).setPersistentGroupTimestamp(
             1700000000123);
         a.discovery->setOwnRecord(a.record);
-        a.setOwnHouse(makeHouse(QStringLiteral("a"), QStringLiteral("Party"), 8080));
+        a.setOwnHouse(Discovery::House{QStringLiteral("a"), QStringLiteral("Party"), 8080});
         QVERIFY(a.start());
         QList<QVariantHash> heard;
         QTRY_VERIFY_WITH_TIMEOUT(!(heard += readAll(listener)).isEmpty(), 2000);
@@ -526,7 +517,7 @@ private Q_SLOTS:
 
         heard.clear();
         a.discovery->setOwnRecord(TarvSystemMember(a.record).setPersistentGroupMembers({QStringLiteral("a")}));
-        a.discovery->setOwnHouse(makeHouse(QStringLiteral("a"), QStringLiteral("Party"), 0));
+        a.discovery->setOwnHouse(Discovery::House{QStringLiteral("a"), QStringLiteral("Party"), 0});
         QTRY_VERIFY_WITH_TIMEOUT(!(heard += readAll(listener)).isEmpty(), 2000);
         // Anything more from that change was sent before this marker.
         a.discovery->setOwnRecord(TarvSystemMember(a.record).setName(QStringLiteral("marker")));
@@ -554,14 +545,14 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(b.house->rowsSize(), 2, 1000);
         QSignalSpy bHouse(b.house, &CMListRowsNode::rowChanged);
         QSignalSpy bMembers(b.members, &CMListRowsNode::rowChanged);
-        a.setOwnHouse(makeHouse(QStringLiteral("b"), QString(), 0));
+        a.setOwnHouse(Discovery::House{QStringLiteral("b"), QString(), 0});
         QTRY_COMPARE_WITH_TIMEOUT(b.houseOf(QStringLiteral("a")).value(QStringLiteral("master")).toString(),
                                   QStringLiteral("b"), 1000);
         QCOMPARE(bHouse.count(), 1);
         QCOMPARE(bMembers.count(), 0);
         // The same again announces nothing new.
         const qint64 heard = b.discovery->receivedCount();
-        a.setOwnHouse(makeHouse(QStringLiteral("b"), QString(), 0));
+        a.setOwnHouse(Discovery::House{QStringLiteral("b"), QString(), 0});
         b.discovery->setOwnRecord(TarvSystemMember(b.record).setName(QStringLiteral("b again")));
         QTRY_VERIFY_WITH_TIMEOUT(b.discovery->receivedCount() > heard, 1000);
         QCOMPARE(b.discovery->receivedCount(), heard + 1);

@@ -41,6 +41,8 @@ private Q_SLOTS:
         QTest::newRow("page") << "/" << "index.html" << "text/html; charset=utf-8";
         QTest::newRow("style") << "/web/app.css" << "app.css" << "text/css; charset=utf-8";
         QTest::newRow("script") << "/web/app.js" << "app.js" << "text/javascript; charset=utf-8";
+        for (const char* module : {"api.js", "connection.js", "deviceView.js", "dom.js", "houseView.js"})
+            QTest::newRow(module) << QStringLiteral("/web/") + module << module << "text/javascript; charset=utf-8";
     }
 
     void eachFileIsTheRepositorysOwn()
@@ -86,8 +88,13 @@ private Q_SLOTS:
         const QString page = QString::fromUtf8(served("/"));
         const QRegularExpression reference(QStringLiteral("(?:src|href)=\"([^\"]*)\""));
         QStringList references;
-        for (auto it = reference.globalMatch(page); it.hasNext();)
-            references << it.next().captured(1);
+        QStringList views;
+        for (auto it = reference.globalMatch(page); it.hasNext();) {
+            const QString target = it.next().captured(1);
+            // A link to one of the page's own views loads nothing.
+            (target.startsWith(QLatin1Char('#')) ? views : references) << target;
+        }
+        QCOMPARE(views, (QStringList{"#/house", "#/device"}));
         QCOMPARE(references, (QStringList{"data:,", "/web/app.css", "/web/app.js"}));
         for (const QString& target : references.mid(1))
             QVERIFY2(!served(target.toUtf8().constData()).isEmpty(), qPrintable(target));
@@ -96,6 +103,35 @@ private Q_SLOTS:
             QVERIFY2(!body.contains("http:") && !body.contains("https:") && !body.contains("//cdn"), file);
             QVERIFY2(!body.contains("@import"), file);
         }
+    }
+
+    // The script's modules import one another by relative name; every one
+    // reached from the entry is served, and nothing is imported from
+    // elsewhere.
+    void everyImportedModuleIsServed()
+    {
+        const QRegularExpression import(QStringLiteral("^import [^;]*from \"([^\"]*)\";$"),
+                                        QRegularExpression::MultilineOption);
+        QStringList pending{QStringLiteral("/web/app.js")};
+        QStringList reached;
+        while (!pending.isEmpty()) {
+            const QString file = pending.takeFirst();
+            if (reached.contains(file))
+                continue;
+            reached << file;
+            const QByteArray body = served(file.toUtf8().constData());
+            QVERIFY2(!body.isEmpty(), qPrintable(file));
+            QVERIFY2(!body.contains("http:") && !body.contains("https:") && !body.contains("import("), qPrintable(file));
+            for (auto it = import.globalMatch(QString::fromUtf8(body)); it.hasNext();) {
+                const QString target = it.next().captured(1);
+                QVERIFY2(target.startsWith(QLatin1String("./")) && !target.contains(QLatin1String("..")),
+                         qPrintable(file + ": " + target));
+                pending << QStringLiteral("/web/") + target.mid(2);
+            }
+        }
+        reached.sort();
+        QCOMPARE(reached, (QStringList{"/web/api.js", "/web/app.js", "/web/connection.js", "/web/deviceView.js",
+                                       "/web/dom.js", "/web/houseView.js"}));
     }
 
     void thePolicyKeepsThePageOnThisHost()

@@ -34,15 +34,6 @@ TarvRoles memberRow(const TarvSystemMember& record)
     return row;
 }
 
-Discovery::House house(const QString& master, const QString& savedGroupName, quint16 apiPort)
-{
-    Discovery::House result;
-    result.master = master;
-    result.savedGroupName = savedGroupName;
-    result.apiPort = apiPort;
-    return result;
-}
-
 QVariant json(const QByteArray& text)
 {
     return QJsonDocument::fromJson(text).toVariant();
@@ -90,7 +81,7 @@ private Q_SLOTS:
 
     void aRowHoldsTheRecordTheHouseAndTheApi()
     {
-        const TarvRoles row = HouseList::makeRow(member(QStringLiteral("d1")), house("t1", "Party", 8080),
+        const TarvRoles row = HouseList::makeRow(member(QStringLiteral("d1")), Discovery::House{"t1", "Party", 8080},
                                                  QStringLiteral("10.77.0.9"));
         QCOMPARE(row.id(), QStringLiteral("d1"));
         QCOMPARE(row.type(), TarvRolesType::Unknown);
@@ -120,7 +111,7 @@ private Q_SLOTS:
         QFETCH(QString, address);
         QFETCH(int, port);
         const TarvRoles row =
-            HouseList::makeRow(member(QStringLiteral("d1")), house("", "", static_cast<quint16>(port)), address);
+            HouseList::makeRow(member(QStringLiteral("d1")), Discovery::House{"", "", static_cast<quint16>(port)}, address);
         const QVariant api = row.value().value(HouseList::HouseMember()).toHash().value(QStringLiteral("api"));
         QVERIFY(api.isNull());
         QVERIFY(row.value().toJson(false).contains(R"("api":null)"));
@@ -143,7 +134,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, source);
         QFETCH(QString, address);
-        hear(member(QStringLiteral("d1")), house("d1", "", 8080), source);
+        hear(member(QStringLiteral("d1")), Discovery::House{"d1", "", 8080}, source);
         const QVariantHash api = houseMember(QStringLiteral("d1")).value(QStringLiteral("api")).toHash();
         QCOMPARE(api, (QVariantHash{{QStringLiteral("address"), address}, {QStringLiteral("port"), 8080}}));
         QCOMPARE(houseMember(QStringLiteral("d1")).value(QStringLiteral("ipAddress")).toString(),
@@ -152,7 +143,7 @@ private Q_SLOTS:
 
     void aDeviceAnnouncingPortZeroHasNoApi()
     {
-        hear(member(QStringLiteral("d1")), house("d1", "", 0), QStringLiteral("10.77.0.13"));
+        hear(member(QStringLiteral("d1")), Discovery::House{"d1", "", 0}, QStringLiteral("10.77.0.13"));
         QVERIFY(houseMember(QStringLiteral("d1")).value(QStringLiteral("api")).isNull());
     }
 
@@ -160,31 +151,31 @@ private Q_SLOTS:
     {
         QSignalSpy rows(m_house, &CMListRowsNode::rowChanged);
         const TarvSystemMember d1 = member(QStringLiteral("d1"));
-        hear(d1, house("d1", "Party", 8080), QStringLiteral("10.77.0.13"));
+        hear(d1, Discovery::House{"d1", "Party", 8080}, QStringLiteral("10.77.0.13"));
         QCOMPARE(rows.count(), 1);
         QVERIFY(rows.first().at(1).value<TarvRoles>().isEmpty());
         for (int i = 0; i < 5; ++i)
-            hear(d1, house("d1", "Party", 8080), QStringLiteral("10.77.0.13"));
+            hear(d1, Discovery::House{"d1", "Party", 8080}, QStringLiteral("10.77.0.13"));
         QCOMPARE(rows.count(), 1);
 
         // One change of the house information, one change of the record.
-        hear(d1, house("t9", "Party", 8080), QStringLiteral("10.77.0.13"));
+        hear(d1, Discovery::House{"t9", "Party", 8080}, QStringLiteral("10.77.0.13"));
         QCOMPARE(rows.count(), 2);
         QCOMPARE(houseMember(QStringLiteral("d1")).value(QStringLiteral("master")).toString(), QStringLiteral("t9"));
-        hear(TarvSystemMember(d1).setName(QStringLiteral("Renamed")), house("t9", "Party", 8080),
+        hear(TarvSystemMember(d1).setName(QStringLiteral("Renamed")), Discovery::House{"t9", "Party", 8080},
              QStringLiteral("10.77.0.13"));
         QCOMPARE(rows.count(), 3);
         QCOMPARE(m_house->rowsGetById(QStringLiteral("d1")).title().toString(), QStringLiteral("Renamed"));
         // A new source address is a new api address.
-        hear(TarvSystemMember(d1).setName(QStringLiteral("Renamed")), house("t9", "Party", 8080),
+        hear(TarvSystemMember(d1).setName(QStringLiteral("Renamed")), Discovery::House{"t9", "Party", 8080},
              QStringLiteral("10.77.0.99"));
         QCOMPARE(rows.count(), 4);
     }
 
     void aRowLeavesWithItsMembersRowAndComesBackEmptyOfOldNews()
     {
-        hear(member(QStringLiteral("d1")), house("t1", "Party", 8080), QStringLiteral("10.77.0.13"));
-        hear(member(QStringLiteral("d2")), house("d2", "", 0), QStringLiteral("10.77.0.14"));
+        hear(member(QStringLiteral("d1")), Discovery::House{"t1", "Party", 8080}, QStringLiteral("10.77.0.13"));
+        hear(member(QStringLiteral("d2")), Discovery::House{"d2", "", 0}, QStringLiteral("10.77.0.14"));
         QCOMPARE(m_house->rowsSize(), 2);
         int houseRowsWhenMemberLeft = -1;
         tarvConnect(m_members, &CMListRowsNode::rowChanged, this,
@@ -204,20 +195,20 @@ private Q_SLOTS:
     {
         QSignalSpy rows(m_house, &CMListRowsNode::rowChanged);
         const TarvSystemMember own = member(QStringLiteral("own"));
-        m_list->setOwn(own, house("own", "Party", 8080), QStringLiteral("10.77.0.2"));
+        m_list->setOwn(own, Discovery::House{"own", "Party", 8080}, QStringLiteral("10.77.0.2"));
         QCOMPARE(rows.count(), 1);
         QCOMPARE(houseMember(QStringLiteral("own")).value(QStringLiteral("api")).toHash().value(QStringLiteral("address")),
                  QVariant(QStringLiteral("10.77.0.2")));
-        m_list->setOwn(own, house("own", "Party", 8080), QStringLiteral("10.77.0.2"));
+        m_list->setOwn(own, Discovery::House{"own", "Party", 8080}, QStringLiteral("10.77.0.2"));
         QCOMPARE(rows.count(), 1);
         // Its own announcement heard back, its members row and its removal
         // from the members list leave it alone.
-        m_list->setMemberHouse(own, house("x", "", 0), QHostAddress(QStringLiteral("10.77.0.66")));
+        m_list->setMemberHouse(own, Discovery::House{"x", "", 0}, QHostAddress(QStringLiteral("10.77.0.66")));
         m_members->rowsSetById(memberRow(own));
         m_members->rowsRemoveById(QStringLiteral("own"));
         QCOMPARE(rows.count(), 1);
         QCOMPARE(houseMember(QStringLiteral("own")).value(QStringLiteral("master")).toString(), QStringLiteral("own"));
-        m_list->setOwn(own, house("own", "Party", 0), QStringLiteral("10.77.0.2"));
+        m_list->setOwn(own, Discovery::House{"own", "Party", 0}, QStringLiteral("10.77.0.2"));
         QCOMPARE(rows.count(), 2);
         QVERIFY(houseMember(QStringLiteral("own")).value(QStringLiteral("api")).isNull());
     }

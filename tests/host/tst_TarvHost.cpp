@@ -43,6 +43,23 @@ private:
         return std::make_unique<HostProcess>(QStringLiteral(TARV_HOST_BINARY), module, directory);
     }
 
+    // Starts hosts "a" and "b", named A and B, that announce every 100 ms
+    // on one discovery port of loopback; b's API listens on `bApiListen`
+    // (empty: as every host here). False, with `error`, if either fails.
+    bool startNeighbours(std::unique_ptr<HostProcess>& a, std::unique_ptr<HostProcess>& b, const QString& bApiListen,
+                         QString* error)
+    {
+        const int discoveryPort = HostProcess::freeUdpPort();
+        a = makeHost(QStringLiteral("a"));
+        b = makeHost(QStringLiteral("b"));
+        a->setDiscoveryPort(discoveryPort);
+        b->setDiscoveryPort(discoveryPort);
+        if (!bApiListen.isEmpty())
+            b->setApiListen(bApiListen);
+        return a->start({"--discovery-ms", "100", "--name", "A"}, error)
+            && b->start({"--discovery-ms", "100", "--name", "B"}, error);
+    }
+
     static QJsonObject get(const HostProcess& host, const std::string& target, int* status = nullptr)
     {
         httplib::Client client("127.0.0.1", host.apiPort());
@@ -329,14 +346,10 @@ private Q_SLOTS:
 
     void twoHostsOnOneLoopbackFindEachOther()
     {
-        const int discoveryPort = HostProcess::freeUdpPort();
-        const auto a = makeHost(QStringLiteral("a"));
-        const auto b = makeHost(QStringLiteral("b"));
-        a->setDiscoveryPort(discoveryPort);
-        b->setDiscoveryPort(discoveryPort);
+        std::unique_ptr<HostProcess> a;
+        std::unique_ptr<HostProcess> b;
         QString error;
-        QVERIFY2(a->start({"--discovery-ms", "100", "--name", "A"}, &error), qPrintable(error));
-        QVERIFY2(b->start({"--discovery-ms", "100", "--name", "B"}, &error), qPrintable(error));
+        QVERIFY2(startNeighbours(a, b, QString(), &error), qPrintable(error));
         const auto names = [](const HostProcess& host) {
             QStringList result;
             for (const QJsonValue& row : get(host, "/api/v1/rows?path=/system/members").value("rows").toArray())
@@ -356,15 +369,10 @@ private Q_SLOTS:
     // address is reached at the address its announcements come from.
     void theHouseListShowsWhichDevicesCanBeReached()
     {
-        const int discoveryPort = HostProcess::freeUdpPort();
-        const auto a = makeHost(QStringLiteral("a"));
-        const auto b = makeHost(QStringLiteral("b"));
-        a->setDiscoveryPort(discoveryPort);
-        b->setDiscoveryPort(discoveryPort);
+        std::unique_ptr<HostProcess> a;
+        std::unique_ptr<HostProcess> b;
         QString error;
-        b->setApiListen(QStringLiteral("0.0.0.0:0"));
-        QVERIFY2(a->start({"--discovery-ms", "100", "--name", "A"}, &error), qPrintable(error));
-        QVERIFY2(b->start({"--discovery-ms", "100", "--name", "B"}, &error), qPrintable(error));
+        QVERIFY2(startNeighbours(a, b, QStringLiteral("0.0.0.0:0"), &error), qPrintable(error));
         const auto houseRow = [](const HostProcess& host, const QString& id) {
             for (const QJsonValue& row : get(host, "/api/v1/rows?path=/system/house").value("rows").toArray()) {
                 if (row.toObject().value("id").toString() == id)

@@ -89,6 +89,13 @@ private Q_SLOTS:
             QVERIFY2(QFileInfo(file).isFile(), qPrintable(file + QStringLiteral(" is missing")));
 
         const QString unit = InstalledRoot::readFile(installed.path(unitDir + QStringLiteral("/tarv-host.service")));
+        // The host's stderr is the journal, which takes each line's priority
+        // from the "<N>" prefix the installed layout writes there.
+        QVERIFY2(unit.contains(QStringLiteral("\nStandardError=journal\n")), qPrintable(unit));
+        QVERIFY2(unit.contains(QStringLiteral("\nSyslogLevelPrefix=yes\n")), qPrintable(unit));
+        const QString logConfig = InstalledRoot::readFile(installed.path(etc + QStringLiteral("/tarv/log4cplus.properties")));
+        QVERIFY2(logConfig.contains(QStringLiteral("\nlog4cplus.appender.STDERR.layout=TarvJournalLayout\n")), qPrintable(logConfig));
+        QVERIFY2(logConfig.contains(QStringLiteral("\nlog4cplus.appender.STDERR.filters.1=TarvRepeatFilter\n")), qPrintable(logConfig));
         QVERIFY2(unit.contains(QStringLiteral("\nExecStart=%1/bin/tarv-host --config %2/tarv/tarv-host.json --data-dir /var/lib/tarv-host\n")
                                    .arg(prefix, etc)),
                  qPrintable(unit));

@@ -5,40 +5,11 @@
 #include "LogCapture.h"
 
 #include "CannedServer.h"
+#include "CommandRun.h"
 #include "CtlCommand.h"
 #include "RawTcpServer.h"
 
 namespace {
-
-// One run of the command with its output captured.
-struct Run
-{
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-Run run(const QStringList& arguments, const QString& apiFromEnvironment = QString(),
-        const QString& deviceFromEnvironment = QString())
-{
-    Run result;
-    QTextStream out(&result.out);
-    QTextStream err(&result.err);
-    CtlCommand command(out, err);
-    result.exitCode = command.run(arguments, apiFromEnvironment, deviceFromEnvironment);
-    out.flush();
-    err.flush();
-    return result;
-}
-
-QJsonObject parseObject(const QString& text)
-{
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
-    if (error.error != QJsonParseError::NoError || !document.isObject())
-        return QJsonObject{{"unparsable", text}};
-    return document.object();
-}
 
 const QByteArray systemMembers = R"({"path":"/system/members","title":"SystemMembers","rows":[
     {"id":"a","type":0,"title":"dev1","path":"","value":{"systemMember":{"id":"a","name":"dev1","host":"h1","transcoder":true}}},
@@ -177,7 +148,7 @@ void tst_CtlCommand::hostPrintsTheDeviceReadably()
     CannedServer server;
     server.answer("GET", "/api/v1/host",
                   200, R"({"id":"a","name":"dev1","host":"h1","address":"10.0.0.1","requestPort":41230,"version":"0.1.0"})");
-    const Run result = run({"--api", server.api(), "host"});
+    const CommandRun result = CommandRun::of({"--api", server.api(), "host"});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.err, QString());
     QCOMPARE(result.out, QString("id:           a\nname:         dev1\nhost:         h1\naddress:      10.0.0.1\n"
@@ -190,16 +161,16 @@ void tst_CtlCommand::jsonPrintsTheAnswerAsJson()
     CannedServer server;
     const QByteArray body = R"({"path":"/system/member","value":{"systemMember":{"id":"a","name":"dev1"}}})";
     server.answer("GET", "/api/v1/value", 200, body);
-    const Run result = run({"get", "/system/member", "--json"}, server.api());
+    const CommandRun result = CommandRun::of({"get", "/system/member", "--json"}, server.api());
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(body).object());
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonDocument::fromJson(body).object());
 }
 
 void tst_CtlCommand::getPrintsTheSingleView()
 {
     CannedServer server;
     server.answer("GET", "/api/v1/value", 200, R"({"path":"/settings/device/name","value":{"string_":"dev1"}})");
-    const Run result = run({"get", "/settings/device/name"}, server.api());
+    const CommandRun result = CommandRun::of({"get", "/settings/device/name"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("dev1\n"));
     QCOMPARE(server.received().value(0).params.value("path"), QString("/settings/device/name"));
@@ -223,7 +194,7 @@ void tst_CtlCommand::setSendsTheValueAndPrintsWhatWasStored()
     QFETCH(QByteArray, sent);
     CannedServer server;
     server.answer("PUT", "/api/v1/value", 200, R"({"path":"/p","value":)" + sent + "}");
-    const Run result = run(QStringList{"set", "/p"} + arguments, server.api());
+    const CommandRun result = CommandRun::of(QStringList{"set", "/p"} + arguments, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(server.received().first().method, QString("PUT"));
@@ -234,7 +205,7 @@ void tst_CtlCommand::setSendsTheValueAndPrintsWhatWasStored()
 void tst_CtlCommand::setWithBadJsonSendsNothing()
 {
     CannedServer server;
-    const Run result = run({"set", "/settings/device/name", "kitchen"}, server.api());
+    const CommandRun result = CommandRun::of({"set", "/settings/device/name", "kitchen"}, server.api());
     QCOMPARE(result.exitCode, 2);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: set: VALUE is not valid JSON (illegal number at character 1): kitchen; "
@@ -246,10 +217,10 @@ void tst_CtlCommand::invokeSendsTheValueAndPrintsTheResult()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    Run result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})", "--timeout-ms", "700"}, server.api());
+    CommandRun result = CommandRun::of({"invoke", "/grouping/request", R"({"groupingRequest":{"command":-1}})", "--timeout-ms", "700"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
-    result = run({"invoke", "/x"}, server.api());
+    result = CommandRun::of({"invoke", "/x"}, server.api());
     QCOMPARE(result.exitCode, 0);
 
     const QList<CannedServer::Received> received = server.received();
@@ -265,14 +236,14 @@ void tst_CtlCommand::invokeRefusedPrintsTheHostsError()
     CannedServer server;
     const QByteArray error = R"({"error":{"name":"Error","title":"Error","message":"valid command "}})";
     server.answer("POST", "/api/v1/invoke", 422, error);
-    Run result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})"}, server.api());
+    CommandRun result = CommandRun::of({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
 
-    result = run({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})", "--json"}, server.api());
+    result = CommandRun::of({"invoke", "/grouping/request", R"({"groupingRequest":{"command":2}})", "--json"}, server.api());
     QCOMPARE(result.exitCode, 1);
-    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(error).object());
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonDocument::fromJson(error).object());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): valid command \n"));
 }
 
@@ -280,7 +251,7 @@ void tst_CtlCommand::leaveSendsTheLeaveCommand()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"leave", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"leave", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
     QCOMPARE(server.received().size(), 1);
@@ -293,7 +264,7 @@ void tst_CtlCommand::joinTakesNameAndHostFromTheDeviceList()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"join", "b", "--timeout-ms", "900", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"join", "b", "--timeout-ms", "900", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     const QList<CannedServer::Received> received = server.received();
     QCOMPARE(received.size(), 2);
@@ -308,7 +279,7 @@ void tst_CtlCommand::joinWithNameAndHostAsksNothingElse()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"join", "z", "--name", "far", "--host", "10.0.0.9", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"join", "z", "--name", "far", "--host", "10.0.0.9", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
@@ -319,7 +290,7 @@ void tst_CtlCommand::joinOfAnUnknownDeviceSendsNothing()
 {
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
-    const Run result = run({"join", "nobody"}, server.api());
+    const CommandRun result = CommandRun::of({"join", "nobody"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: join: no device with the id or name 'nobody' in /system/members (tarvctl "
                                  "status lists them); give --name and --host to join it anyway\n"));
@@ -343,7 +314,7 @@ void tst_CtlCommand::joinByNameOrIdWaitsUntilItsOwnRowNamesTheMaster()
     server.stream("/api/v1/events",
                   {": tarv-host events\n\n", ownRowEvent("me", "me"), ownRowEvent("x", "b"), ownRowEvent("me", "b")},
                   true);
-    const Run result = run({"join", target, "--timeout-ms", "3000"}, server.api());
+    const CommandRun result = CommandRun::of({"join", target, "--timeout-ms", "3000"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("joined dev2\n"));
@@ -364,7 +335,7 @@ void tst_CtlCommand::joinOfANameTwoDevicesHaveSendsNothing()
     server.answer("GET", "/api/v1/rows", 200, R"({"path":"/system/members","rows":[
         {"id":"a","value":{"systemMember":{"id":"a","name":"twin","host":"h1"}}},
         {"id":"b","value":{"systemMember":{"id":"b","name":"twin","host":"h2"}}}]})");
-    const Run result = run({"join", "twin"}, server.api());
+    const CommandRun result = CommandRun::of({"join", "twin"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: join: 2 devices are named 'twin'; give the id: a, b\n"));
     QCOMPARE(server.received().size(), 1);
@@ -377,7 +348,7 @@ void tst_CtlCommand::joinWithoutTheChangeSaysTheDeviceRefused()
     server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "a")}, true);
     QElapsedTimer elapsed;
     elapsed.start();
-    const Run result = run({"join", "b", "--timeout-ms", "400"}, server.api());
+    const CommandRun result = CommandRun::of({"join", "b", "--timeout-ms", "400"}, server.api());
     QVERIFY2(elapsed.elapsed() >= 400, qPrintable(QString::number(elapsed.elapsed())));
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
@@ -396,7 +367,7 @@ void tst_CtlCommand::joinRefusedByTheHostIsNotWaitedFor()
     server.stream("/api/v1/events", {": tarv-host events\n\n"}, true);
     QElapsedTimer elapsed;
     elapsed.start();
-    const Run result = run({"join", "b", "--timeout-ms", "5000"}, server.api());
+    const CommandRun result = CommandRun::of({"join", "b", "--timeout-ms", "5000"}, server.api());
     QVERIFY2(elapsed.elapsed() < 3000, qPrintable(QString::number(elapsed.elapsed())));
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Missing grouping master id\n"));
@@ -409,16 +380,16 @@ void tst_CtlCommand::leaveWaitsUntilItsOwnRowNamesItself()
     server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
     server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "a"), ownRowEvent("me", "me")}, true);
-    Run result = run({"leave", "--timeout-ms", "3000"}, server.api());
+    CommandRun result = CommandRun::of({"leave", "--timeout-ms", "3000"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("left dev1\n"));
     QCOMPARE(server.received().last().body, QByteArray(R"({"groupingRequest":{"command":-1}})"));
 
     // --json: the host's answer, once the change came.
-    result = run({"leave", "--timeout-ms", "3000", "--json"}, server.api());
+    result = CommandRun::of({"leave", "--timeout-ms", "3000", "--json"}, server.api());
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(parseObject(result.out), QJsonObject({{"result", true}}));
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonObject({{"result", true}}));
 }
 
 void tst_CtlCommand::uiJoinAndUiLeaveWaitForTheChange()
@@ -429,14 +400,14 @@ void tst_CtlCommand::uiJoinAndUiLeaveWaitForTheChange()
     server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, meFollowsA);
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
     server.stream("/api/v1/events", {": tarv-host events\n\n", ownRowEvent("me", "c-3")}, true);
-    Run result = run({"ui", "join", "kitchen", "--timeout-ms", "3000"}, server.api());
+    CommandRun result = CommandRun::of({"ui", "join", "kitchen", "--timeout-ms", "3000"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("joined kitchen\n"));
     QCOMPARE(server.received().last().params.value("path"), QString("/ui/grouping/joinTranscoder/c-3"));
 
     // The same events do not show a leave.
-    result = run({"ui", "leave", "--timeout-ms", "300"}, server.api());
+    result = CommandRun::of({"ui", "leave", "--timeout-ms", "300"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
     QCOMPARE(server.received().last().params.value("path"), QString("/ui/grouping/leave"));
@@ -458,7 +429,7 @@ void tst_CtlCommand::statusShowsThisDeviceAndTheLan()
     server.answer("GET", "/api/v1/value?path=/settings/grouping/persistentGroup", 200,
                   R"({"path":"/settings/grouping/persistentGroup","value":{"groupingPersistentGroup":
                       {"name":"Home","members":["a","b","gone"],"timestamp":1700000000000}}})");
-    Run result = run({"status"}, server.api());
+    CommandRun result = CommandRun::of({"status"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("This device: dev1 [a]\n"
@@ -471,9 +442,9 @@ void tst_CtlCommand::statusShowsThisDeviceAndTheLan()
                                  "  dev2    [b]   receiver\n"
                                  "  cellar  [cc]  transcoder\n"));
 
-    result = run({"status", "--json"}, server.api());
+    result = CommandRun::of({"status", "--json"}, server.api());
     QCOMPARE(result.exitCode, 0);
-    const QJsonObject status = parseObject(result.out);
+    const QJsonObject status = CommandRun::parseObject(result.out);
     QCOMPARE(status.value("id").toString(), QString("a"));
     QCOMPARE(status.value("role").toString(), QString("transcoder"));
     QCOMPARE(status.value("master").toObject(), QJsonObject({{"id", "a"}, {"name", "dev1"}}));
@@ -514,7 +485,7 @@ void tst_CtlCommand::hintsNameTarvctlCommands()
     const QJsonObject error{{"error", QJsonObject{{"name", "NotFound"}, {"title", "Not found"}, {"message", message}}}};
     const QString endpoint = arguments.first() == "get" ? "/api/v1/value" : "/api/v1/rows";
     server.answer("GET", endpoint, 404, QJsonDocument(error).toJson(QJsonDocument::Compact));
-    const Run result = run(arguments, server.api());
+    const CommandRun result = CommandRun::of(arguments, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, printed);
 }
@@ -523,15 +494,15 @@ void tst_CtlCommand::uiPrintsTheGroupingList()
 {
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
-    Run result = run({"ui"}, server.api());
+    CommandRun result = CommandRun::of({"ui"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, transcodersListText);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(server.received().first().params.value("path"), QString("/ui/grouping"));
 
-    result = run({"ui", "--json"}, server.api());
+    result = CommandRun::of({"ui", "--json"}, server.api());
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
 }
 
 void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow_data()
@@ -552,7 +523,7 @@ void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
-    Run result = run({"ui", "join", target, "--timeout-ms", "800", "--no-wait"}, server.api());
+    CommandRun result = CommandRun::of({"ui", "join", target, "--timeout-ms", "800", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, printed);
     QCOMPARE(result.err, QString());
@@ -564,9 +535,9 @@ void tst_CtlCommand::uiJoinActivatesTheJoinActionOfTheRow()
     QCOMPARE(received.at(1).params.value("timeout_ms"), QString("800"));
     QCOMPARE(received.at(1).body, QByteArray("{}"));
 
-    result = run({"ui", "join", target, "--json", "--no-wait"}, server.api());
+    result = CommandRun::of({"ui", "join", target, "--json", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(completionReply).object());
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonDocument::fromJson(completionReply).object());
 }
 
 void tst_CtlCommand::uiJoinOfTheFollowedTranscoderActivatesNothing()
@@ -575,7 +546,7 @@ void tst_CtlCommand::uiJoinOfTheFollowedTranscoderActivatesNothing()
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
     // Its row leads to the leave action.
-    const Run result = run({"ui", "join", "living room"}, server.api());
+    const CommandRun result = CommandRun::of({"ui", "join", "living room"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("ui join: already following living room [a-1]\n"));
     QCOMPARE(server.received().size(), 1);
@@ -609,7 +580,7 @@ void tst_CtlCommand::uiJoinThatNamesNoSingleTranscoderActivatesNothing()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, list);
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
-    const Run result = run({"ui", "join", target}, server.api());
+    const CommandRun result = CommandRun::of({"ui", "join", target}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, error);
@@ -622,7 +593,7 @@ void tst_CtlCommand::uiJoinRefusedPrintsTheRefusal()
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
     server.answer("POST", "/api/v1/invoke", 422,
                   R"({"error":{"name":"Simple Grouping","title":"Error","message":"Previous grouping request not finished, reject request."}})");
-    const Run result = run({"ui", "join", "kitchen", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"ui", "join", "kitchen", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Previous grouping request not finished, reject request.\n"));
@@ -632,7 +603,7 @@ void tst_CtlCommand::uiLeaveActivatesTheLeaveAction()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, completionReply);
-    const Run result = run({"ui", "leave", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"ui", "leave", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("leave: done\n"));
     QCOMPARE(server.received().size(), 1);
@@ -650,7 +621,7 @@ void tst_CtlCommand::uiWatchDrawsTheListAndRereadsItOnlyForItsOwnEvents()
                    "event: rows\ndata: {\"path\":\"/ui/grouping/x\",\"new\":{\"id\":\"x\"},\"old\":{}}\n\n",
                    "event: rows\ndata: {\"path\":\"/ui/grouping\",\"new\":{\"id\":\"x\"},\"old\":{}}\n\n"},
                   true);
-    const Run result = run({"ui", "--watch", "--timeout-ms", "600"}, server.api());
+    const CommandRun result = CommandRun::of({"ui", "--watch", "--timeout-ms", "600"}, server.api());
     QCOMPARE(result.exitCode, 0);
     // The list did not change: drawn once, read again for its one event.
     QCOMPARE(result.out, transcodersListText);
@@ -665,15 +636,15 @@ void tst_CtlCommand::uiWatchWithTooFewListsTimesOut()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, transcodersList);
     server.stream("/api/v1/events", {": nothing\n\n"}, true);
-    Run result = run({"ui", "--watch", "--count", "2", "--timeout-ms", "300"}, server.api());
+    CommandRun result = CommandRun::of({"ui", "--watch", "--count", "2", "--timeout-ms", "300"}, server.api());
     QCOMPARE(result.exitCode, 4);
     QCOMPARE(result.err, QString("tarvctl: timeout: 1 of 2 lists within 300 ms\n"));
     QCOMPARE(result.out, transcodersListText);
 
     // One list asked for: the first drawing ends it.
-    result = run({"ui", "--watch", "--count", "1", "--json", "--timeout-ms", "5000"}, server.api());
+    result = CommandRun::of({"ui", "--watch", "--count", "1", "--json", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
-    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonDocument::fromJson(transcodersList).object());
 }
 
 void tst_CtlCommand::saveNamesDevicesByIdOrNameAndSendsTheSavedGroup()
@@ -681,7 +652,7 @@ void tst_CtlCommand::saveNamesDevicesByIdOrNameAndSendsTheSavedGroup()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"save", "Home", "dev2", "a", "--timeout-ms", "900", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"save", "Home", "dev2", "a", "--timeout-ms", "900", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("true\n"));
     const QList<CannedServer::Received> received = server.received();
@@ -697,7 +668,7 @@ void tst_CtlCommand::saveWithoutDevicesClearsAndAsksNothingElse()
 {
     CannedServer server;
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"save", "", "--no-wait"}, server.api());
+    const CommandRun result = CommandRun::of({"save", "", "--no-wait"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(server.received().size(), 1);
     QCOMPARE(QJsonDocument::fromJson(server.received().first().body).object(),
@@ -726,7 +697,7 @@ void tst_CtlCommand::saveOfADeviceItCannotNameSendsNothing()
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, members);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"save", "Home", "a", device}, server.api());
+    const CommandRun result = CommandRun::of({"save", "Home", "a", device}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, error);
     QCOMPARE(server.received().size(), 1); // the lookup only
@@ -743,7 +714,7 @@ void tst_CtlCommand::saveRefusedPrintsTheHostsError()
     server.stream("/api/v1/events", {": tarv-host events\n\n"}, true);
     QElapsedTimer elapsed;
     elapsed.start();
-    const Run result = run({"save", "", "dev2", "--timeout-ms", "5000"}, server.api());
+    const CommandRun result = CommandRun::of({"save", "", "dev2", "--timeout-ms", "5000"}, server.api());
     QVERIFY2(elapsed.elapsed() < 3000, qPrintable(QString::number(elapsed.elapsed())));
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 422): Missing name in save request\n"));
@@ -774,7 +745,7 @@ void tst_CtlCommand::saveWaitsUntilTheSettingHoldsTheGroup()
                   {": tarv-host events\n\n", savedGroupEvent("Home", R"(["me"])"), savedGroupEvent("Other", R"(["b","me"])"),
                    event},
                   true);
-    const Run result = run(arguments + QStringList{"--timeout-ms", "3000"}, server.api());
+    const CommandRun result = CommandRun::of(arguments + QStringList{"--timeout-ms", "3000"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, printed);
@@ -785,7 +756,7 @@ void tst_CtlCommand::saveTheDeviceDidNotKeepIsNoChange()
     CannedServer server;
     answerAsDevice3FollowingA(server);
     server.stream("/api/v1/events", {": tarv-host events\n\n", savedGroupEvent("Home", R"(["me"])")}, true);
-    const Run result = run({"save", "Home", "dev2", "--timeout-ms", "500"}, server.api());
+    const CommandRun result = CommandRun::of({"save", "Home", "dev2", "--timeout-ms", "500"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.out, QString());
     QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
@@ -795,7 +766,7 @@ void tst_CtlCommand::rowsPrintsATable()
 {
     CannedServer server;
     server.answer("GET", "/api/v1/rows", 200, systemMembers);
-    const Run result = run({"rows", "/system/members"}, server.api());
+    const CommandRun result = CommandRun::of({"rows", "/system/members"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("/system/members \"SystemMembers\": 2 rows\n"
                                  "ID  TYPE  TITLE  VALUE\n"
@@ -808,7 +779,7 @@ void tst_CtlCommand::treePrintsNodesAndValues()
     CannedServer server;
     server.answer("GET", "/api/v1/tree", 200,
                   R"({"nodes":[{"path":"/modules/simpleGrouping","kind":"list","title":"VopGrouping","loading":false,"rows":[]}],"values":["/system/member"]})");
-    const Run result = run({"tree"}, server.api());
+    const CommandRun result = CommandRun::of({"tree"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("nodes (1):\n  /modules/simpleGrouping  [list]  \"VopGrouping\"  0 rows\n"
                                  "values (1):\n  /system/member\n"));
@@ -826,7 +797,7 @@ void tst_CtlCommand::watchPrintsEventsUnderThePrefixUpToTheCount()
                    "event: rows\ndata: {\"path\":\"/settings/l\",\"new\":{\"id\":\"r\",\"value\":{\"string_\":\"s\"}},\"old\":{}}\n\n",
                    "event: value\ndata: {\"path\":\"/settings/b\",\"value\":{\"i32_\":3}}\n\n"},
                   true);
-    const Run result = run({"watch", "/settings", "--count", "2", "--timeout-ms", "5000"}, server.api());
+    const CommandRun result = CommandRun::of({"watch", "/settings", "--count", "2", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("value /settings/a = 1\nrows /settings/l added r: s\n"));
     QCOMPARE(result.err, QString("tarvctl: ignored an event with malformed data: value (malformed data: not json)\n"));
@@ -839,13 +810,13 @@ void tst_CtlCommand::watchJsonPrintsOneObjectPerLine()
                   {"event: value\ndata: {\"path\":\"/a\",\"value\":{\"i32_\":1}}\n\n",
                    "event: rows\ndata: {\"path\":\"/l\",\"new\":{},\"old\":{\"id\":\"x\"}}\n\n"},
                   true);
-    const Run result = run({"watch", "--json", "--count", "2", "--timeout-ms", "5000"}, server.api());
+    const CommandRun result = CommandRun::of({"watch", "--json", "--count", "2", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
     const QStringList lines = result.out.split('\n', Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 2);
-    QCOMPARE(parseObject(lines.at(0)),
+    QCOMPARE(CommandRun::parseObject(lines.at(0)),
              QJsonDocument::fromJson(R"({"event":"value","data":{"path":"/a","value":{"i32_":1}}})").object());
-    QCOMPARE(parseObject(lines.at(1)),
+    QCOMPARE(CommandRun::parseObject(lines.at(1)),
              QJsonDocument::fromJson(R"({"event":"rows","data":{"path":"/l","new":{},"old":{"id":"x"}}})").object());
 }
 
@@ -855,7 +826,7 @@ void tst_CtlCommand::watchWithTooFewEventsTimesOut()
     server.stream("/api/v1/events", {"event: value\ndata: {\"path\":\"/a\",\"value\":{}}\n\n"}, true);
     QElapsedTimer elapsed;
     elapsed.start();
-    const Run result = run({"watch", "--count", "3", "--timeout-ms", "300"}, server.api());
+    const CommandRun result = CommandRun::of({"watch", "--count", "3", "--timeout-ms", "300"}, server.api());
     QCOMPARE(result.exitCode, 4);
     QCOMPARE(result.out, QString("value /a = \n"));
     QCOMPARE(result.err, QString("tarvctl: timeout: 1 of 3 events within 300 ms\n"));
@@ -866,7 +837,7 @@ void tst_CtlCommand::watchForADurationEndsWell()
 {
     CannedServer server;
     server.stream("/api/v1/events", {"event: value\ndata: {\"path\":\"/a\",\"value\":{\"i32_\":2}}\n\n"}, true);
-    const Run result = run({"watch", "--timeout-ms", "300"}, server.api());
+    const CommandRun result = CommandRun::of({"watch", "--timeout-ms", "300"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("value /a = 2\n"));
     QCOMPARE(result.err, QString());
@@ -914,7 +885,7 @@ void tst_CtlCommand::failuresEndWithTheirExitCode()
     } else if (setup == "504") {
         server.answer("POST", "/api/v1/invoke", 504, R"({"error":{"name":"Timeout","title":"No answer","message":"no reply"}})");
     }
-    const Run result = run(QStringList{"--api", api} + arguments);
+    const CommandRun result = CommandRun::of(QStringList{"--api", api} + arguments);
     QCOMPARE(result.exitCode, exitCode);
     QCOMPARE(result.err, QString(err).replace("API", api));
     if (exitCode == 2)
@@ -923,11 +894,11 @@ void tst_CtlCommand::failuresEndWithTheirExitCode()
 
 void tst_CtlCommand::badApiUrlIsAUsageError()
 {
-    Run result = run({"--api", "https://dev1", "host"});
+    CommandRun result = CommandRun::of({"--api", "https://dev1", "host"});
     QCOMPARE(result.exitCode, 2);
     QCOMPARE(result.err, QString("tarvctl: bad API URL (from --api): 'https://dev1': only http:// is supported by the "
                                  "control API\n"));
-    result = run({"host"}, "ftp://dev1");
+    result = CommandRun::of({"host"}, "ftp://dev1");
     QCOMPARE(result.exitCode, 2);
     QCOMPARE(result.err,
              QString("tarvctl: bad API URL (from TARV_API): 'ftp://dev1': only http:// is supported by the control API\n"));
@@ -935,11 +906,11 @@ void tst_CtlCommand::badApiUrlIsAUsageError()
 
 void tst_CtlCommand::helpAndVersionNeedNoHost()
 {
-    Run result = run({"--help"}, "http://127.0.0.1:1");
+    CommandRun result = CommandRun::of({"--help"}, "http://127.0.0.1:1");
     QCOMPARE(result.exitCode, 0);
     QVERIFY(result.out.startsWith("Usage: tarvctl [options] COMMAND [arguments]\n"));
     QCOMPARE(result.err, QString());
-    result = run({"--version"});
+    result = CommandRun::of({"--version"});
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, "tarvctl " + CtlCommand::version() + "\n");
     QVERIFY(!CtlCommand::version().isEmpty() && CtlCommand::version() != "unknown");
@@ -957,15 +928,15 @@ void tst_CtlCommand::textFromTheHostCannotDriveTheTerminal()
     server.stream("/api/v1/events", {"event: value\ndata: {\"path\":\"/a\",\"value\":{\"string_\":\"\\u001b[31mred\"}}\n\n"},
                   true);
 
-    Run result = run({"rows", "/system/members"}, server.api());
+    CommandRun result = CommandRun::of({"rows", "/system/members"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("/system/members \"SystemMembers\": 1 row\n"
                                  "ID  TYPE  TITLE                 VALUE\n"
                                  "a   0     \\u001b]0;owned\\u0007  x\\u001b[2J\n"));
-    result = run({"get", "/a"}, server.api());
+    result = CommandRun::of({"get", "/a"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: error (HTTP 404): Not found: No \\u009b2J\n"));
-    result = run({"watch", "--count", "1", "--timeout-ms", "5000"}, server.api());
+    result = CommandRun::of({"watch", "--count", "1", "--timeout-ms", "5000"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("value /a = \\u001b[31mred\n"));
 }
@@ -1008,6 +979,18 @@ QByteArray d2Follows(const char* master)
         + master + R"(","name":"dev1"}}}}]})";
 }
 
+// The host of the house answering for device d2 ("Cellar"), which follows
+// `master` and takes every request forwarded to it. An answer given later
+// for one of these reads replaces this one.
+void answerAsCellarFollowing(CannedServer& server, const char* master)
+{
+    answerAsHostOfTheHouse(server);
+    server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
+    server.answer("GET", "/api/v1/devices/d2/rows?path=/system/members", 200, systemMembers);
+    server.answer("GET", "/api/v1/devices/d2/rows?path=/grouping/members", 200, d2Follows(master));
+    server.answer("POST", "/api/v1/devices/d2/invoke", 200, R"({"result":true})");
+}
+
 QByteArray savedGroup(const char* name, const char* members, qint64 timestamp)
 {
     return QByteArray(R"({"path":"/settings/grouping/persistentGroup","value":{"groupingPersistentGroup":{"name":")")
@@ -1025,7 +1008,7 @@ void tst_CtlCommand::statusWithoutASavedGroupNamesNone()
     server.answer("GET", "/api/v1/rows?path=/grouping/members", 200, R"({"path":"/grouping/members","rows":[]})");
     server.answer("GET", "/api/v1/value?path=/settings/grouping/persistentGroup", 200,
                   savedGroup("", "[]", 1700000000000));
-    const Run result = run({"status"}, server.api());
+    const CommandRun result = CommandRun::of({"status"}, server.api());
     QCOMPARE(result.exitCode, 0);
     QVERIFY2(result.out.contains("\n  saved group:  none\n"), qPrintable(result.out));
 }
@@ -1047,7 +1030,7 @@ void tst_CtlCommand::deviceIsFoundByIdThenByNameIgnoringCase()
     CannedServer server;
     answerAsHostOfTheHouse(server);
     server.answer("GET", "/api/v1/devices/" + id + "/value", 200, R"({"path":"/settings/device/name","value":{"string_":"far"}})");
-    const Run result = run({"--device", device, "get", "/settings/device/name"}, server.api());
+    const CommandRun result = CommandRun::of({"--device", device, "get", "/settings/device/name"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("far\n"));
@@ -1076,7 +1059,7 @@ void tst_CtlCommand::deviceThatIsTheHostItselfIsTalkedToDirectly()
     CannedServer server;
     answerAsHostOfTheHouse(server);
     server.answer("GET", "/api/v1/value", 200, R"({"path":"/settings/device/name","value":{"string_":"dev3"}})");
-    const Run result = run({"get", "/settings/device/name", "--device", device}, server.api());
+    const CommandRun result = CommandRun::of({"get", "/settings/device/name", "--device", device}, server.api());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, QString("dev3\n"));
     QCOMPARE(requestsOf(server), requests);
@@ -1103,7 +1086,7 @@ void tst_CtlCommand::deviceThatNamesNoSingleDeviceSendsNothing()
     CannedServer server;
     answerAsHostOfTheHouse(server);
     server.answer("POST", "/api/v1/invoke", 200, R"({"result":true})");
-    const Run result = run({"--device", device, "leave"}, server.api());
+    const CommandRun result = CommandRun::of({"--device", device, "leave"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, error);
     QCOMPARE(result.out, QString());
@@ -1143,7 +1126,7 @@ void tst_CtlCommand::deviceCommandsSendExactlyTheForwardedRequests()
     answerAsHostOfTheHouse(server);
     const QStringList parts = request.split(' ');
     server.answer(parts.at(0), parts.at(1), 200, answer);
-    const Run result = run(QStringList{"--device", "Cellar"} + arguments, server.api());
+    const CommandRun result = CommandRun::of(QStringList{"--device", "Cellar"} + arguments, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     const QStringList requests = requestsOf(server);
@@ -1182,17 +1165,13 @@ void tst_CtlCommand::deviceChangesAreAwaitedByReadingTheDevice()
     QFETCH(QByteArray, after);
     QFETCH(QString, out);
     CannedServer server;
-    answerAsHostOfTheHouse(server);
-    server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
-    server.answer("GET", "/api/v1/devices/d2/rows?path=/system/members", 200, systemMembers);
-    server.answer("GET", "/api/v1/devices/d2/rows?path=/grouping/members", 200, d2Follows("a"));
+    answerAsCellarFollowing(server, "a");
     server.answer("GET", read, 200, before);
-    server.answer("POST", "/api/v1/devices/d2/invoke", 200, R"({"result":true})");
     // The device changes only once it was asked to.
     server.answerAfter("POST /api/v1/devices/d2/invoke", "GET", read, 200, after);
     QElapsedTimer elapsed;
     elapsed.start();
-    const Run result = run(QStringList{"--device", "d2"} + arguments + QStringList{"--timeout-ms", "3000"}, server.api());
+    const CommandRun result = CommandRun::of(QStringList{"--device", "d2"} + arguments + QStringList{"--timeout-ms", "3000"}, server.api());
     QCOMPARE(result.err, QString());
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.out, out);
@@ -1224,16 +1203,12 @@ void tst_CtlCommand::deviceChangeThatNeverShowsIsNoChange()
 {
     QFETCH(QStringList, arguments);
     CannedServer server;
-    answerAsHostOfTheHouse(server);
-    server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
-    server.answer("GET", "/api/v1/devices/d2/rows?path=/system/members", 200, systemMembers);
-    server.answer("GET", "/api/v1/devices/d2/rows?path=/grouping/members", 200, d2Follows("d2"));
+    answerAsCellarFollowing(server, "d2");
     server.answer("GET", "/api/v1/devices/d2/value?path=/settings/grouping/persistentGroup", 200,
                   savedGroup("", "[]", 0));
-    server.answer("POST", "/api/v1/devices/d2/invoke", 200, R"({"result":true})");
     QElapsedTimer elapsed;
     elapsed.start();
-    const Run result = run(QStringList{"--device", "Cellar"} + arguments + QStringList{"--timeout-ms", "400"}, server.api());
+    const CommandRun result = CommandRun::of(QStringList{"--device", "Cellar"} + arguments + QStringList{"--timeout-ms", "400"}, server.api());
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.err, QString("tarvctl: no change: the device refused (see its log)\n"));
     QCOMPARE(result.out, QString());
@@ -1281,13 +1256,13 @@ void tst_CtlCommand::forwardingErrorsEndWithTheirExitCode()
     CannedServer server;
     answerAsHostOfTheHouse(server);
     server.answer("GET", "/api/v1/devices/d2/value", status, error);
-    Run result = run({"--device", "d2", "get", "/nope"}, server.api());
+    CommandRun result = CommandRun::of({"--device", "d2", "get", "/nope"}, server.api());
     QCOMPARE(result.exitCode, exitCode);
     QCOMPARE(result.err, err);
     // Scripts asking for JSON get the error object, whoever sent it.
-    result = run({"--device", "d2", "get", "/nope", "--json"}, server.api());
+    result = CommandRun::of({"--device", "d2", "get", "/nope", "--json"}, server.api());
     QCOMPARE(result.exitCode, exitCode);
-    QCOMPARE(parseObject(result.out), QJsonDocument::fromJson(error).object());
+    QCOMPARE(CommandRun::parseObject(result.out), QJsonDocument::fromJson(error).object());
 }
 
 void tst_CtlCommand::deviceFromTheEnvironmentIsUsedUnlessGiven()
@@ -1296,13 +1271,13 @@ void tst_CtlCommand::deviceFromTheEnvironmentIsUsedUnlessGiven()
     answerAsHostOfTheHouse(server);
     server.answer("GET", "/api/v1/devices/d2/host", 200, R"({"id":"d2","name":"Cellar"})");
     server.answer("GET", "/api/v1/devices/t1/host", 200, R"({"id":"t1","name":"twin"})");
-    Run result = run({"host"}, server.api(), "cellar");
+    CommandRun result = CommandRun::of({"host"}, server.api(), "cellar");
     QCOMPARE(result.exitCode, 0);
     QVERIFY2(result.out.startsWith("id:           d2\n"), qPrintable(result.out));
-    result = run({"host", "--device", "t1"}, server.api(), "cellar");
+    result = CommandRun::of({"host", "--device", "t1"}, server.api(), "cellar");
     QCOMPARE(result.exitCode, 0);
     QVERIFY2(result.out.startsWith("id:           t1\n"), qPrintable(result.out));
-    result = run({"host"}, server.api(), "attic");
+    result = CommandRun::of({"host"}, server.api(), "attic");
     QCOMPARE(result.exitCode, 1);
     QVERIFY2(result.err.startsWith("tarvctl: TARV_DEVICE: no device with the id or name 'attic'"), qPrintable(result.err));
 }

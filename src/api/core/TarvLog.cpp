@@ -13,6 +13,9 @@
 #include <log4cplus/layout.h>
 #include <log4cplus/loglevel.h>
 
+#include "TarvJournalLayout.h"
+#include "TarvRepeatFilter.h"
+
 std::ostream& operator<<(std::ostream& out, const QString& text)
 {
     return out << text.toUtf8().constData();
@@ -42,6 +45,11 @@ log4cplus::Logger logger(const char* className)
 QString defaultPattern()
 {
     return QStringLiteral("%D{%Y-%m-%d %H:%M:%S.%q} %-5p %c [%b:%L %M] %m%n");
+}
+
+QString defaultJournalPattern()
+{
+    return QStringLiteral("%-5p %c [%b:%L %M] %m%n");
 }
 
 bool parseLevel(const QString& name, log4cplus::LogLevel* level)
@@ -120,9 +128,13 @@ void configureDefault()
     log4cplus::Logger root = log4cplus::Logger::getRoot();
     root.removeAllAppenders();
     log4cplus::SharedAppenderPtr appender(new log4cplus::ConsoleAppender(true /*stderr*/, true /*flush*/));
-    appender->setLayout(std::make_unique<log4cplus::PatternLayout>(defaultPattern().toStdString()));
+    appender->setLayout(std::make_unique<TarvJournalLayout>(defaultPattern().toStdString(),
+                                                            defaultJournalPattern().toStdString()));
+    appender->addFilter(log4cplus::spi::FilterPtr(
+        new TarvRepeatFilter(TarvRepeatFilter::DefaultMaxPerInterval, TarvRepeatFilter::DefaultIntervalMs)));
     root.addAppender(appender);
     root.setLogLevel(log4cplus::INFO_LOG_LEVEL);
+    TarvRepeatFilter::attachToAppenders();
 }
 
 } // namespace
@@ -134,14 +146,18 @@ bool init(const QString& propertiesFile, QString* problem)
     static log4cplus::Initializer* const initializer = (tarvLogInitializer = new log4cplus::Initializer);
     Q_UNUSED(initializer);
     bufferStderrByLine();
+    TarvRepeatFilter::registerFactory();
+    TarvJournalLayout::registerFactory();
 
     if (propertiesFile.isEmpty() || !QFileInfo(propertiesFile).isReadable()) {
         configureDefault();
         return true;
     }
     log4cplus::PropertyConfigurator::doConfigure(propertiesFile.toStdString());
-    if (log4cplus::Logger::getRoot().getLogLevel() != log4cplus::NOT_SET_LOG_LEVEL)
+    if (log4cplus::Logger::getRoot().getLogLevel() != log4cplus::NOT_SET_LOG_LEVEL) {
+        TarvRepeatFilter::attachToAppenders();
         return true;
+    }
     configureDefault();
     if (problem) {
         *problem = propertiesFile
