@@ -18,7 +18,7 @@ BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps configure build test test-cross check-package test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-house bench-json bench-instructions soak clean
+.PHONY: all deps configure build test test-cross check-package test-sanitize fuzz install package demo bench bench-link bench-lab bench-scale bench-house bench-json bench-instructions bench-instructions-qemu soak clean
 
 all: build
 
@@ -114,6 +114,12 @@ bench-json: build
 
 bench-instructions: build
 	bash scripts/bench-instructions
+
+# The same counts for arm64 under qemu-user, in a build of its own
+# (build-arm64-bench/). The method's check against callgrind on this
+# machine: scripts/bench-instructions-qemu --arch x86-64.
+bench-instructions-qemu:
+	bash scripts/bench-instructions-qemu --arch $(or $(ARCH),arm64)
 
 soak: build
 	bash scripts/soak
