@@ -229,6 +229,26 @@ browserTest("Move to takes a follower from one group straight into another", asy
   assert.equal(await masterOf(2), lab.id(3));
 });
 
+browserTest("unticking a follower in Add rooms makes it leave while the ticked one stays", async () => {
+  await ungroupAll();
+  await Promise.all([api[2].invoke("/ui/grouping/joinTranscoder/" + lab.id(1)),
+                     api[3].invoke("/ui/grouping/joinTranscoder/" + lab.id(1))]);
+  const page = pages[4];
+  await housePromise(page, [[lab.id(1), [lab.id(2), lab.id(3)]], [lab.id(4), []]], 5000);
+  await click(page, card(1) + " button[data-action=\"add\"]");
+  const ticked = await page.$$eval("form.add-rooms input:checked", boxes => boxes.map(b => b.value).sort());
+  assert.deepEqual(ticked, [lab.id(2), lab.id(3)].sort());
+  await click(page, "form.add-rooms input[value=\"" + lab.id(3) + "\"]");
+  const done = await summaryShown(page);
+  await click(page, "form.add-rooms button[type=\"submit\"]");
+  await done();
+  assert.deepEqual(await resultLine(page, 3), { outcome: "left", text: "dev3 left the group of dev1" });
+  assert.equal(await page.$eval("#house-summary", e => e.textContent), "Done");
+  await housePromise(page, [[lab.id(1), [lab.id(2)]], [lab.id(3), []], [lab.id(4), []]], redrawMs);
+  assert.equal(await masterOf(2), lab.id(1));
+  assert.equal(await masterOf(3), lab.id(3));
+});
+
 browserTest("a device that does not answer times out and a cut one is unreachable, each named", async () => {
   await ungroupAll();
   const page = pages[4];
