@@ -30,6 +30,16 @@ inline QString followerIdOf(const QJsonObject& row)
     return groupingMember(row).value(QStringLiteral("follower")).toObject().value(QStringLiteral("id")).toString();
 }
 
+// A saved group's member ids ({"name", "members", "timestamp"}), sorted.
+inline QStringList groupMembers(const QJsonObject& group)
+{
+    QStringList ids;
+    for (const QJsonValue& id : group.value(QStringLiteral("members")).toArray())
+        ids.append(id.toString());
+    ids.sort();
+    return ids;
+}
+
 // The rows' ids, sorted.
 inline QStringList rowIds(const QJsonArray& rows)
 {

@@ -46,15 +46,6 @@ QString executableOf(qint64 pid)
     return QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).canonicalFilePath();
 }
 
-QStringList groupMembers(const QJsonObject& group)
-{
-    QStringList ids;
-    for (const QJsonValue& id : group.value(QStringLiteral("members")).toArray())
-        ids.append(id.toString());
-    ids.sort();
-    return ids;
-}
-
 } // namespace
 
 class tst_LabMixedArch : public QObject

@@ -41,15 +41,6 @@ qint64 nowMs()
     return QDateTime::currentMSecsSinceEpoch();
 }
 
-QStringList groupMembers(const QJsonObject& group)
-{
-    QStringList ids;
-    for (const QJsonValue& id : group.value(QStringLiteral("members")).toArray())
-        ids.append(id.toString());
-    ids.sort();
-    return ids;
-}
-
 } // namespace
 
 class tst_LabSavedGroups : public QObject
