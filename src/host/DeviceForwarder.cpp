@@ -12,6 +12,7 @@
 
 #include "CMListRowsNode.h"
 #include "CMRootWorker.h"
+#include "HostWorker.h"
 #include "TarvLog.h"
 #include "TarvPaths.h"
 
@@ -27,12 +28,6 @@ using Clock = std::chrono::steady_clock;
 // How long the event loop may take to look the target up; a busy loop
 // answers a direct request no later.
 const int lookUpMs = 5000;
-
-// The list the house view keeps next to /system/members, one row per device.
-CMPath housePath()
-{
-    return CMPath("/system/house");
-}
 
 const DeviceForwarder::Route routes[] = {
     {"host", "GET", "/api/v1/host", false, false, false},
@@ -147,7 +142,7 @@ void DeviceForwarder::lookUp(const QString& id, const CMReply<QVariant>& reply, 
         reply.setError(unknownDevice(id));
         return;
     }
-    auto* house = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(housePath()));
+    auto* house = qobject_cast<CMListRowsNode*>(CMRoot()->findNode(HostWorker::housePath()));
     const QVariantHash houseMember =
         house ? house->rowsGetById(id).value().value(QStringLiteral("houseMember")).toHash() : QVariantHash();
     QString name = houseMember.value(QStringLiteral("name")).toString();
